@@ -1,0 +1,10 @@
+// The library's constant version record.
+#pragma once
+
+#include "vlkr.h"
+
+namespace vlkr::frame {
+
+extern const LibVersion kLibVersion;
+
+}  // namespace vlkr::frame

@@ -1,0 +1,62 @@
+// Library frame: the version record and the CPU flag recorded at load.
+#include <cstring>
+#include <regex>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "frame/module_entry.h"
+#include "vlkcore_testing.h"
+#include "vlkr.h"
+
+namespace {
+
+TEST(VersionRecord, IsOneConstantRecord)
+{
+    const LibVersion* v = vlkrGetLibVersion();
+    ASSERT_NE(v, nullptr);
+    EXPECT_EQ(v, vlkrGetLibVersion());
+    EXPECT_EQ(v->major, 8);
+    EXPECT_EQ(v->minor, 1);
+    EXPECT_EQ(v->majorBuild, 1);
+    EXPECT_GT(v->build, 0);
+    EXPECT_EQ(std::memcmp(v->targetCpu, "mx\0\0", 4), 0);
+    EXPECT_STREQ(v->name, "vlkRR PX (mx)");
+}
+
+TEST(VersionRecord, VersionStringCarriesTheRevision)
+{
+    const LibVersion* v = vlkrGetLibVersion();
+    EXPECT_EQ(std::string(v->version), "8.1.1 (r" + std::to_string(v->build) + ")");
+}
+
+TEST(VersionRecord, BuildDateHasSingleBlanks)
+{
+    // "Apr 10 2014", "Apr 1 2014": never the two blanks or leading zero of a padded day.
+    const std::regex date(R"((Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [1-9][0-9]? \d{4})");
+    EXPECT_TRUE(std::regex_match(vlkrGetLibVersion()->buildDate, date))
+        << vlkrGetLibVersion()->buildDate;
+}
+
+TEST(CpuFlag, SetOnlyWhenBothFeatureBitsArePresent)
+{
+    const struct {
+        unsigned long long mask;
+        int flag;
+    } cases[] = {{0, 0}, {0x10, 0}, {0x20, 0}, {0x30, 1}, {~0ull, 1}, {~0x10ull, 0}, {0x3F, 1}};
+    for (const auto& c : cases) {
+        vlkTestOverrideCpuFeatures(1, c.mask);
+        vlkr::frame::recordCpuFeatures();
+        EXPECT_EQ(vlkr::frame::cpuFlag(), c.flag) << std::hex << c.mask;
+    }
+    vlkTestOverrideCpuFeatures(0, 0);
+    vlkr::frame::recordCpuFeatures();
+}
+
+TEST(CpuFlag, LoadTimeFlagMatchesTheProcessor)
+{
+    const unsigned long long mask = vlkGetEnabledCpuFeatures();
+    EXPECT_EQ(vlkr::frame::cpuFlag(), (mask & 0x30) == 0x30 ? 1 : 0);
+}
+
+}  // namespace
