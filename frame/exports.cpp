@@ -24,4 +24,15 @@ VLKR_API vlkStatus vlkrTriangleAccelInit(TriangleAccel* accel, const float* vert
     return vlkr::raytrace::triangleAccelInit(accel, vertices, triangles, triangleCount);
 }
 
+VLKR_API vlkStatus vlkrKDTreeBuildAlloc(KDTreeNode** tree, const float* vertices,
+                                        const int* triangles, int vertexCount,
+                                        int triangleCount, int* treeSize,
+                                        const KDTreeBuildContext* params)
+{
+    return vlkr::raytrace::kdTreeBuildAlloc(tree, vertices, triangles, vertexCount,
+                                            triangleCount, treeSize, params);
+}
+
+VLKR_API vlkStatus vlkrKDTreeFree(KDTreeNode* tree) { return vlkr::raytrace::kdTreeFree(tree); }
+
 }  // extern "C"

@@ -1,7 +1,11 @@
 // Argument checks of the ray-tracing operations, in argument order, before any work.
 #include "api.h"
 
+#include <cstdint>
+
+#include "kdtree_build.h"
 #include "scene.h"
+#include "vlkcore.h"
 
 namespace vlkr::raytrace {
 
@@ -29,6 +33,37 @@ vlkStatus triangleAccelInit(TriangleAccel* accel, const float* vertices, const i
     if (!triangles) return vlkStatusNullPtr;
     if (triangleCount <= 0) return vlkStatusOk;
     buildTriangleAccel(accel, vertices, triangles, triangleCount);
+    return vlkStatusOk;
+}
+
+vlkStatus kdTreeBuildAlloc(KDTreeNode** tree, const float* vertices, const int* triangles,
+                           int vertexCount, int triangleCount, int* treeSize,
+                           const KDTreeBuildContext* params) noexcept
+{
+    if (!tree || !vertices || !triangles || !treeSize) return vlkStatusNullPtr;
+    if (vertexCount < 0 || triangleCount < 0) return vlkStatusSize;
+    if (!params) return vlkStatusNullPtr;
+    if (params->mode == KDTreeBuildSimple) {
+        if (params->depth > kMaxTreeDepth) return vlkStatusOutOfRange;
+        return buildSimpleTree(tree, triangleCount, treeSize);
+    }
+    if (params->mode == KDTreeBuildSAH) {
+        if (params->depth > kMaxTreeDepth) return vlkStatusOutOfRange;
+        // Written so that a quality that is not a number passes.
+        if (params->quality < 0.0f || params->quality > 1.0f) return vlkStatusOutOfRange;
+        // Megabytes to bytes in 32-bit unsigned arithmetic: large values wrap on purpose.
+        constexpr std::uint32_t kMinBudgetHalfMegabytes = 1u << 24;  // 32 MB, in 2^19 units
+        if ((params->memory << 19) < kMinBudgetHalfMegabytes) return vlkStatusNoMemory;
+        return buildSahTree(tree, vertices, triangles, vertexCount, triangleCount, treeSize,
+                            *params, params->memory << 20);
+    }
+    return vlkStatusBadArg;
+}
+
+vlkStatus kdTreeFree(KDTreeNode* tree) noexcept
+{
+    // Kept on purpose: a null tree is handed to vlkFree like any other.
+    vlkFree(tree);
     return vlkStatusOk;
 }
 

@@ -1,0 +1,94 @@
+// K-d tree build benchmarks on the standard scenes, with tree quality and Embree beside them.
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "kdtree_inspect.h"
+#include "ratio_reporter.h"
+#include "scenes.h"
+#include "vlkr.h"
+#ifdef VLKR_HAVE_EMBREE
+#include "peers/embree_peer.h"
+#endif
+
+namespace {
+
+using vlkr::bench::Scene;
+
+const std::vector<Scene>& standardScenes()
+{
+    static const std::vector<Scene> scenes = {vlkr::bench::terrain(512),
+                                              vlkr::bench::sphereCluster(),
+                                              vlkr::bench::randomSoup(100000), vlkr::bench::bunny()};
+    return scenes;
+}
+
+KDTreeBuildContext sahParams(float quality)
+{
+    KDTreeBuildContext p{};
+    p.mode = KDTreeBuildSAH;
+    p.depth = 50;
+    p.quality = quality;
+    p.memory = 2048;
+    p.pBound = nullptr;
+    return p;
+}
+
+void buildTree(benchmark::State& state, const Scene* s, float quality)
+{
+    const KDTreeBuildContext params = sahParams(quality);
+    KDTreeNode* tree = nullptr;
+    int size = 0;
+    for (auto _ : state) {
+        if (vlkrKDTreeBuildAlloc(&tree, s->vertices.data(), s->triangles.data(), s->vertexCount(),
+                                 s->triangleCount(), &size, &params) != vlkStatusOk) {
+            state.SkipWithError("build failed");
+            return;
+        }
+        state.PauseTiming();
+        vlkrKDTreeFree(tree);
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(int64_t(state.iterations()) * s->triangleCount());
+
+    // Tree quality, from one more build.
+    vlkrKDTreeBuildAlloc(&tree, s->vertices.data(), s->triangles.data(), s->vertexCount(),
+                         s->triangleCount(), &size, &params);
+    float box[6];
+    vlkrSetBoundBox_32f(s->vertices.data(), s->vertexCount(), box);
+    const vlkr::test::TreeInfo info = vlkr::test::inspectTree(tree, size, box, s->triangleCount());
+    vlkrKDTreeFree(tree);
+    state.counters["sah"] = info.sahCost;
+    state.counters["MB"] = size / 1048576.0;
+    state.counters["inner"] = info.innerNodes;
+    state.counters["leaves"] = info.leaves;
+    state.counters["empty"] = info.emptyLeaves;
+    state.counters["refs/leaf"] =
+        info.leaves > info.emptyLeaves ? double(info.triangleRefs) / (info.leaves - info.emptyLeaves)
+                                       : 0.0;
+    state.counters["depth"] = info.maxDepth;
+    if (!info.valid) state.SkipWithError(info.error.c_str());
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    benchmark::Initialize(&argc, argv);
+    vlkr::bench::RatioReporter reporter;
+    for (const Scene& s : standardScenes()) {
+        const std::string name = "BM_KDTreeBuild/" + s.name;
+        benchmark::RegisterBenchmark(name.c_str(), buildTree, &s, 1.0f)
+            ->Unit(benchmark::kMillisecond)
+            ;
+        reporter.compare(name, "BM_EmbreeBuild/" + s.name + "/high", "time / Embree high");
+        reporter.compare(name, "BM_EmbreeBuild/" + s.name + "/medium", "time / Embree medium");
+    }
+#ifdef VLKR_HAVE_EMBREE
+    vlkr::bench::registerEmbreeBuildBenchmarks();
+#endif
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return 0;
+}

@@ -1,0 +1,603 @@
+// K-d tree construction: the one-leaf tree and the surface-area-heuristic build.
+#include "kdtree_build.h"
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstring>
+
+#include "build_memory.h"
+
+namespace vlkr::raytrace {
+namespace {
+
+constexpr double kMinExtent = 9.999999747378752e-06;  // axes this thin are not split
+constexpr double kThresholdScale = 0.5057569742202759;  // leaf threshold per unit of quality
+constexpr double kFacePreference = 0.699999988079071;   // discount for empty or flat cuts
+constexpr double kEmptyFraction = 0.1;   // empty space worth cutting, as a share of the extent
+constexpr double kTinyFaceArea = 1e-9;   // below this the side-face term h is 0
+constexpr double kNoCost = 1.7976931348623157e308;
+constexpr std::size_t kBulkSortAbove = 320;  // longer candidate lists use the radix sort
+constexpr std::uint32_t kFixedBudgetBytes = 33554912;  // builder state and two 16 MB blocks
+
+// A triangle's share of a node: its number and its bounds clipped to the node.
+struct Ref {
+    int tri;
+    float lo[3];
+    float hi[3];
+    int unused;
+};
+static_assert(sizeof(Ref) == 32, "refs pack a 16 MB chunk exactly");
+
+struct Box {
+    float lo[3];
+    float hi[3];
+};
+
+// The cheapest plane found on one axis, or over all axes.
+struct Split {
+    double recorded = kNoCost;  // (a + b) times the cost: the surface-area cost of the split
+    double cost = kNoCost;      // the same before its (a + b) factor
+    float pos = 0.0f;
+    int axis = -1;
+    bool flatsLow = false;  // triangles flat in the plane go below it
+    bool valid() const { return axis >= 0; }
+};
+
+// ---------------------------------------------------------------------------------------
+// Geometry helpers
+
+// Bounds of the triangle clipped to `box`, computed in double and rounded outward to float.
+// False when nothing of the triangle lies inside the box.
+bool clipTriangle(const double corner[3][3], const Box& box, float lo[3], float hi[3])
+{
+    constexpr int kMaxVerts = 9;
+    double poly[kMaxVerts][3], next[kMaxVerts][3];
+    int count = 3;
+    std::memcpy(poly, corner, sizeof(double) * 9);
+    for (int axis = 0; axis < 3 && count > 0; ++axis) {
+        for (int side = 0; side < 2 && count > 0; ++side) {
+            const double plane = side == 0 ? box.lo[axis] : box.hi[axis];
+            const double sign = side == 0 ? 1.0 : -1.0;  // inside: sign * (x - plane) >= 0
+            int out = 0;
+            for (int i = 0; i < count; ++i) {
+                const double* a = poly[i];
+                const double* b = poly[(i + 1) % count];
+                const double da = sign * (a[axis] - plane), db = sign * (b[axis] - plane);
+                if (da >= 0) std::memcpy(next[out++], a, sizeof(double) * 3);
+                if ((da >= 0) != (db >= 0)) {
+                    const double t = da / (da - db);
+                    for (int k = 0; k < 3; ++k) next[out][k] = a[k] + t * (b[k] - a[k]);
+                    next[out][axis] = plane;  // exactly on the plane, whatever t rounded to
+                    ++out;
+                }
+            }
+            count = out;
+            std::memcpy(poly, next, sizeof(double) * 3 * static_cast<std::size_t>(count));
+        }
+    }
+    if (count == 0) return false;
+    for (int k = 0; k < 3; ++k) {
+        double l = poly[0][k], h = poly[0][k];
+        for (int i = 1; i < count; ++i) {
+            l = std::min(l, poly[i][k]);
+            h = std::max(h, poly[i][k]);
+        }
+        float fl = static_cast<float>(l), fh = static_cast<float>(h);
+        if (fl > l) fl = std::nextafter(fl, -INFINITY);
+        if (fh < h) fh = std::nextafter(fh, INFINITY);
+        lo[k] = std::max(fl, box.lo[k]);
+        hi[k] = std::min(fh, box.hi[k]);
+        if (lo[k] > hi[k]) return false;
+    }
+    return true;
+}
+
+void loadCorners(const float* vertices, const int* triangles, int t, double corner[3][3])
+{
+    for (int c = 0; c < 3; ++c) {
+        const float* v = vertices + 3 * triangles[4 * t + c];
+        for (int k = 0; k < 3; ++k) corner[c][k] = v[k];
+    }
+}
+
+// Triangles whose normal is exactly zero can never be hit and are left out of the tree.
+bool isDegenerate(const double c[3][3])
+{
+    double e1[3], e2[3];
+    for (int k = 0; k < 3; ++k) {
+        e1[k] = c[0][k] - c[2][k];
+        e2[k] = c[1][k] - c[2][k];
+    }
+    return e1[1] * e2[2] - e1[2] * e2[1] == 0.0 && e1[2] * e2[0] - e1[0] * e2[2] == 0.0 &&
+           e1[0] * e2[1] - e1[1] * e2[0] == 0.0;
+}
+
+// ---------------------------------------------------------------------------------------
+// Sorting of candidate positions
+
+inline std::uint32_t sortKey(float f)
+{
+    std::uint32_t u;
+    std::memcpy(&u, &f, 4);
+    return u ^ ((u >> 31) ? 0xFFFFFFFFu : 0x80000000u);
+}
+
+// Sorts n floats ascending and returns where they ended up: `list`, or `spare` after the
+// three 11-bit radix passes that long lists take.
+float* sortAscending(float* list, float* spare, std::size_t n)
+{
+    if (n <= kBulkSortAbove) {
+        std::sort(list, list + n);
+        return list;
+    }
+    std::uint32_t hist[3][2048] = {};
+    for (std::size_t i = 0; i < n; ++i) {
+        const std::uint32_t k = sortKey(list[i]);
+        ++hist[0][k & 2047];
+        ++hist[1][(k >> 11) & 2047];
+        ++hist[2][k >> 22];
+    }
+    for (auto& h : hist) {
+        std::uint32_t sum = 0;
+        for (std::uint32_t& c : h) {
+            const std::uint32_t count = c;
+            c = sum;
+            sum += count;
+        }
+    }
+    float* src = list;
+    float* dst = spare;
+    for (int pass = 0; pass < 3; ++pass) {
+        const int shift = 11 * pass;
+        for (std::size_t i = 0; i < n; ++i) {
+            const std::uint32_t digit = (sortKey(src[i]) >> shift) & 2047;
+            dst[hist[pass][digit]++] = src[i];
+        }
+        std::swap(src, dst);
+    }
+    return src;
+}
+
+// ---------------------------------------------------------------------------------------
+// The builder
+
+/*
+ * Surface-area k-d tree build with perfect splits.
+ *
+ * Each node evaluates the three axes. An axis first looks for a slab of empty space worth
+ * cutting off (more than a tenth of the node on either side); failing that it sweeps every
+ * distinct triangle bound in order and costs the plane as NL * L + NR * R, where L and R are
+ * half the child surface areas divided by the node's cross-section perimeter (a + b).
+ * Cuts at empty space and at flat triangles on the node's faces get a 30% discount, which
+ * pulls empty space out early. Triangles cut by the chosen plane go to both children with
+ * their bounds re-clipped to each child box in double, so child bounds stay tight.
+ *
+ * The node's references live in one range of an arena; partitioning is in place, and only
+ * the straddling references are copied, so the arena holds little more than one reference
+ * per triangle at any moment. Nodes are written depth first, each pair of children next to
+ * each other, into storage that grows in 16 MB chunks charged against the caller's budget.
+ */
+class SahBuilder {
+public:
+    SahBuilder(const float* vertices, const int* triangles, int vertexCount, int triangleCount,
+               const KDTreeBuildContext& params, std::uint32_t budget) noexcept
+        : vertices_(vertices),
+          triangles_(triangles),
+          vertexCount_(vertexCount),
+          triangleCount_(triangleCount),
+          params_(params),
+          budget_(budget)
+    {
+        // A quality that is not a number builds as the best quality.
+        const double quality = std::isnan(params.quality) ? 1.0 : double(params.quality);
+        qualityFactor_ = 10.0 - 9.0 * quality;
+    }
+
+    vlkStatus run(KDTreeNode** tree, int* treeSize) noexcept
+    {
+        if (!allocateWorkspace()) return vlkStatusMemAlloc;
+        Box root;
+        const std::size_t refCount = gatherRefs(root);
+        refTop_ = refCount;
+        nodeCount_ = 1;
+        if (!buildNode(0, 0, refCount, root, 0)) return vlkStatusMemAlloc;
+
+        // Give back the working arrays before the finished tree is allocated.
+        for (ChargedBlock& list : lists_) list.release();
+        refs_.release();
+        const std::size_t bytes = nodeCount_ * sizeof(KDTreeNode);
+        ChargedBlock out;
+        if (!out.acquire(budget_, static_cast<std::uint32_t>(bytes),
+                         static_cast<std::uint32_t>(bytes)))
+            return vlkStatusMemAlloc;
+        nodes_.copyTo(out.as<KDTreeNode>(), nodeCount_);
+        *tree = static_cast<KDTreeNode*>(out.handOver());
+        *treeSize = static_cast<int>(bytes);
+        return vlkStatusOk;
+    }
+
+private:
+
+    bool allocateWorkspace() noexcept
+    {
+        const std::uint32_t t = static_cast<std::uint32_t>(triangleCount_);
+        const std::uint32_t v = static_cast<std::uint32_t>(vertexCount_);
+        for (ChargedBlock& list : lists_)
+            if (!list.acquire(budget_, 4 * t, 4 * t)) return false;
+        const std::uint32_t refBytes = ((36 * t) & ~(kGranule - 1)) + kGranule;
+        const std::uint32_t nodeBytes = ((48 * v) & ~(kGranule - 1)) + kGranule;
+        return refs_.init(budget_, refBytes) && nodes_.init(budget_, nodeBytes);
+    }
+
+    // Fills the arena with one reference per usable triangle and sets the root box: the
+    // caller's box, or the bounds of all vertices.
+    std::size_t gatherRefs(Box& root) noexcept
+    {
+        if (params_.pBound) {
+            for (int k = 0; k < 3; ++k) {
+                root.lo[k] = params_.pBound[k];
+                root.hi[k] = params_.pBound[3 + k];
+            }
+        } else {
+            for (int k = 0; k < 3; ++k) {
+                root.lo[k] = INFINITY;
+                root.hi[k] = -INFINITY;
+            }
+            for (int i = 0; i < vertexCount_; ++i)
+                for (int k = 0; k < 3; ++k) {
+                    root.lo[k] = std::min(root.lo[k], vertices_[3 * i + k]);
+                    root.hi[k] = std::max(root.hi[k], vertices_[3 * i + k]);
+                }
+        }
+        std::size_t count = 0;
+        for (int t = 0; t < triangleCount_; ++t) {
+            double corner[3][3];
+            loadCorners(vertices_, triangles_, t, corner);
+            if (isDegenerate(corner)) continue;
+            Ref& r = refs_[count];
+            r.tri = t;
+            r.unused = 0;
+            bool inside = true;
+            for (int k = 0; k < 3; ++k) {
+                const double l = std::min({corner[0][k], corner[1][k], corner[2][k]});
+                const double h = std::max({corner[0][k], corner[1][k], corner[2][k]});
+                r.lo[k] = static_cast<float>(l);
+                r.hi[k] = static_cast<float>(h);
+                // NaN corners fail this test too and fall to the clip, which drops them.
+                inside = inside && l >= root.lo[k] && h <= root.hi[k];
+            }
+            if (inside || clipTriangle(corner, root, r.lo, r.hi)) ++count;
+        }
+        return count;
+    }
+
+    // Leaf threshold of a node holding n references.
+    double threshold(const Box& box, std::size_t n) const noexcept
+    {
+        const double dx = double(box.hi[0]) - box.lo[0];
+        const double dy = double(box.hi[1]) - box.lo[1];
+        const double dz = double(box.hi[2]) - box.lo[2];
+        const double s = (dx * (dy + dz) + dy * dz) * double(float(n));
+        return std::max(kMinExtent, s * qualityFactor_ * kThresholdScale);
+    }
+
+    // Split rule: the cheapest plane splits the node when its cost before the (a + b) factor
+    // is below the threshold and the surface-area cost does not exceed that of the leaf.
+    bool worthSplitting(const Split& s, const Box& box, std::size_t n) const noexcept
+    {
+        const double c = threshold(box, n);
+        const double dx = double(box.hi[0]) - box.lo[0];
+        const double dy = double(box.hi[1]) - box.lo[1];
+        const double dz = double(box.hi[2]) - box.lo[2];
+        const double leaf = (dx * (dy + dz) + dy * dz) * double(float(n));
+        switch (splitRule_) {
+        case 0: return s.recorded < c;
+        case 1: return s.cost < c;
+        default: return s.cost < c && s.recorded < leaf;
+        }
+    }
+
+#ifndef VLKR_SPLIT_RULE
+#define VLKR_SPLIT_RULE 2
+#endif
+    int splitRule_ = VLKR_SPLIT_RULE;
+
+    void findSplitOnAxis(int axis, std::size_t begin, std::size_t end, const Box& box,
+                         Split& best) noexcept
+    {
+        const double lo = box.lo[axis], hi = box.hi[axis];
+        const double extent = hi - lo;
+        if (!(extent > kMinExtent)) return;
+        const int a1 = (axis + 1) % 3, a2 = (axis + 2) % 3;
+        const double ea = double(box.hi[a1]) - box.lo[a1];
+        const double eb = double(box.hi[a2]) - box.lo[a2];
+        const double ab = ea * eb;
+        const double h = ab < kTinyFaceArea ? 0.0 : ab / (ea + eb);
+        const std::size_t n = end - begin;
+        const double nf = double(float(n));
+
+        float* starts = lists_[0].as<float>();
+        float* ends = lists_[1].as<float>();
+        float* flats = lists_[2].as<float>();
+        float* spare = lists_[3].as<float>();
+        std::size_t ns = 0, nflat = 0;
+        float lowest = INFINITY, highest = -INFINITY;
+        for (std::size_t i = begin; i < end; ++i) {
+            const Ref& r = refs_[i];
+            const float l = r.lo[axis], u = r.hi[axis];
+            lowest = std::min(lowest, l);
+            highest = std::max(highest, u);
+            if (l < u) {
+                starts[ns] = l;
+                ends[ns++] = u;
+            } else {
+                flats[nflat++] = l;
+            }
+        }
+
+        Split axisBest;
+        axisBest.axis = axis;
+        // Empty space below the lowest or above the highest bound.
+        double emptyCost = kNoCost;
+        if (lowest - lo > kEmptyFraction * extent) {
+            emptyCost = nf * ((hi - lowest) + h);
+            axisBest.pos = lowest;
+            axisBest.flatsLow = false;
+        }
+        if (hi - highest > kEmptyFraction * extent) {
+            const double c = nf * ((highest - lo) + h);
+            if (c < emptyCost) {
+                emptyCost = c;
+                axisBest.pos = highest;
+                axisBest.flatsLow = true;
+            }
+        }
+        if (emptyCost < kNoCost) {
+            axisBest.cost = kFacePreference * emptyCost;
+            axisBest.recorded = kFacePreference * (ea + eb) * emptyCost;
+            if (axisBest.recorded < best.recorded) best = axisBest;
+            return;
+        }
+
+        float* sortedStarts = sortAscending(starts, spare, ns);
+        if (sortedStarts == spare) spare = starts;
+        float* sortedEnds = sortAscending(ends, spare, ns);
+        if (sortedEnds == spare) spare = ends;
+        float* sortedFlats = sortAscending(flats, spare, nflat);
+
+        double bestCost = kNoCost;
+        auto consider = [&](double cost, float pos, bool flatsLow, std::size_t nl,
+                            std::size_t nr) {
+            // A plane that leaves one child with everything and the whole box is no split.
+            if ((nl == n && pos >= hi) || (nr == n && pos <= lo)) return;
+            if (!(cost < bestCost)) return;
+            bestCost = cost;
+            axisBest.pos = pos;
+            axisBest.flatsLow = flatsLow;
+        };
+
+        // Flat triangles lying on the node's own faces.
+        if (nflat > 0 && sortedFlats[0] == lo) {
+            std::size_t k = 0;
+            while (k < nflat && sortedFlats[k] == lo) ++k;
+            const double f = sortedFlats[0];
+            consider(kFacePreference * (((f - lo) + h) * double(float(k)) +
+                                        ((hi - f) + h) * double(float(n - k))),
+                     sortedFlats[0], true, k, n - k);
+        }
+        if (nflat > 0 && sortedFlats[nflat - 1] == hi) {
+            std::size_t k = 0;
+            while (k < nflat && sortedFlats[nflat - 1 - k] == hi) ++k;
+            const double f = sortedFlats[nflat - 1];
+            consider(kFacePreference * (((f - lo) + h) * double(float(n - k)) +
+                                        ((hi - f) + h) * double(float(k))),
+                     sortedFlats[nflat - 1], false, n - k, k);
+        }
+
+        // Sweep every distinct bound in ascending order.
+        std::size_t is = 0, ie = 0, iflat = 0;
+        while (is < ns || ie < ns || iflat < nflat) {
+            float p = INFINITY;
+            if (is < ns) p = sortedStarts[is];
+            if (ie < ns) p = std::min(p, sortedEnds[ie]);
+            if (iflat < nflat) p = std::min(p, sortedFlats[iflat]);
+            while (ie < ns && sortedEnds[ie] <= p) ++ie;
+            std::size_t m = 0;
+            while (iflat + m < nflat && sortedFlats[iflat + m] == p) ++m;
+            const std::size_t nl = is + iflat, nr = n - ie - iflat;
+            const double l = (double(p) - lo) + h, r = (hi - double(p)) + h;
+            consider(double(float(nl)) * l + double(float(nr)) * r, p, false, nl, nr);
+            if (m > 0)
+                consider(double(float(nl + m)) * l + double(float(nr - m)) * r, p, true, nl + m,
+                         nr - m);
+            while (is < ns && sortedStarts[is] <= p) ++is;
+            iflat += m;
+        }
+        if (bestCost < kNoCost) {
+            axisBest.cost = bestCost;
+            axisBest.recorded = (ea + eb) * bestCost;
+            if (axisBest.recorded < best.recorded) best = axisBest;
+        }
+    }
+
+    // Which side of the split a reference belongs to: -1 below, +1 above, 0 both.
+    static int sideOf(const Ref& r, const Split& s)
+    {
+        const float l = r.lo[s.axis], u = r.hi[s.axis];
+        if (l == u) {
+            if (l < s.pos) return -1;
+            if (l > s.pos) return 1;
+            return s.flatsLow ? -1 : 1;
+        }
+        if (u <= s.pos) return -1;
+        if (l >= s.pos) return 1;
+        return 0;
+    }
+
+    void swapRefs(std::size_t i, std::size_t j) noexcept
+    {
+        const Ref tmp = refs_[i];
+        refs_[i] = refs_[j];
+        refs_[j] = tmp;
+    }
+
+    // Re-clips the references in [from, to) to `box` in place, dropping any that vanish, and
+    // returns the new end of the range.
+    std::size_t clipRange(std::size_t from, std::size_t to, const Box& box) noexcept
+    {
+        std::size_t out = from;
+        for (std::size_t i = from; i < to; ++i) {
+            Ref r = refs_[i];
+            double corner[3][3];
+            loadCorners(vertices_, triangles_, r.tri, corner);
+            if (clipTriangle(corner, box, r.lo, r.hi)) refs_[out++] = r;
+        }
+        return out;
+    }
+
+    bool buildNode(std::size_t node, std::size_t begin, std::size_t end, const Box& box,
+                   unsigned depth) noexcept
+    {
+        const std::size_t n = end - begin;
+        if (n == 0) {
+            nodes_[node] = KDTreeNode{INT_MIN, 0};
+            return true;
+        }
+        Split split;
+        if (depth < params_.depth)
+            for (int axis = 0; axis < 3; ++axis) findSplitOnAxis(axis, begin, end, box, split);
+        if (!split.valid() || !worthSplitting(split, box, n)) return writeLeaf(node, begin, end);
+
+        // Reserve the pair of children right after everything written so far.
+        const std::size_t pair = nodeCount_;
+        if (pair + 2 > (std::size_t(INT_MAX) >> 3) || !nodes_.reserve(pair + 2)) return false;
+        nodeCount_ += 2;
+        std::int32_t link = static_cast<std::int32_t>((pair - node) * sizeof(KDTreeNode));
+        KDTreeNode inner;
+        inner.link = link | split.axis;
+        std::memcpy(&inner.data, &split.pos, 4);
+        nodes_[node] = inner;
+
+        // Partition in place into [below | both | above].
+        std::size_t lowEnd = begin, highBegin = end;
+        for (std::size_t i = begin; i < highBegin;) {
+            const int side = sideOf(refs_[i], split);
+            if (side < 0)
+                swapRefs(i++, lowEnd++);
+            else if (side > 0)
+                swapRefs(i, --highBegin);
+            else
+                ++i;
+        }
+        const std::size_t straddling = highBegin - lowEnd;
+        Box below = box, above = box;
+        below.hi[split.axis] = split.pos;
+        above.lo[split.axis] = split.pos;
+
+        // Keep a copy of the straddling references for the upper child, then clip the
+        // originals to the lower box; the lower child may reorder its range freely.
+        const std::size_t savedTop = refTop_;
+        if (!refs_.reserve(refTop_ + straddling)) return false;
+        for (std::size_t i = 0; i < straddling; ++i) refs_[refTop_ + i] = refs_[lowEnd + i];
+        refTop_ += straddling;
+        const std::size_t lowerEnd = clipRange(lowEnd, highBegin, below);
+        if (!buildNode(pair, begin, lowerEnd, below, depth + 1)) return false;
+
+        // The upper child's range is the re-clipped copies placed just before [above].
+        std::size_t upperBegin = highBegin;
+        for (std::size_t i = straddling; i-- > 0;) {
+            Ref r = refs_[savedTop + i];
+            double corner[3][3];
+            loadCorners(vertices_, triangles_, r.tri, corner);
+            if (clipTriangle(corner, above, r.lo, r.hi)) refs_[--upperBegin] = r;
+        }
+        refTop_ = savedTop;
+        return buildNode(pair + 1, upperBegin, end, above, depth + 1);
+    }
+
+    bool writeLeaf(std::size_t node, std::size_t begin, std::size_t end) noexcept
+    {
+        const std::size_t n = end - begin;
+        int* tris = lists_[0].as<int>();
+        for (std::size_t i = 0; i < n; ++i) tris[i] = refs_[begin + i].tri;
+        std::sort(tris, tris + n);
+
+        constexpr std::uint32_t kLeafBit = 0x80000000u;
+        auto compact = [&](std::uint32_t link, std::uint32_t data) {
+            nodes_[node] = KDTreeNode{static_cast<int>(link), static_cast<int>(data)};
+            return true;
+        };
+        const std::uint32_t t0 = std::uint32_t(tris[0]);
+        if (n == 1) return compact(kLeafBit | t0, kLeafBit | 1u);
+        if (n == 2 && std::uint32_t(tris[1]) < (1u << 29))
+            return compact(kLeafBit | t0, kLeafBit | std::uint32_t(tris[1]) << 2 | 2u);
+        if (n == 3) {
+            const std::uint32_t m = std::uint32_t(tris[1]);
+            const std::uint32_t below = m - t0, above = std::uint32_t(tris[2]) - m;
+            if (m < (1u << 29) && below < (1u << 15) && above < (1u << 16))
+                return compact(kLeafBit | below << 16 | above, kLeafBit | m << 2 | 3u);
+        }
+
+        // Longer lists follow the node, padded to whole nodes so every node stays 8-aligned.
+        const std::size_t list = nodeCount_;
+        const std::size_t slots = (n + 1) / 2;
+        if (list + slots > (std::size_t(INT_MAX) >> 3) || !nodes_.reserve(list + slots))
+            return false;
+        nodeCount_ += slots;
+        for (std::size_t s = 0; s < slots; ++s) {
+            const int second = 2 * s + 1 < n ? tris[2 * s + 1] : 0;
+            nodes_[list + s] = KDTreeNode{tris[2 * s], second};
+        }
+        const std::int32_t offset = static_cast<std::int32_t>((list - node) * sizeof(KDTreeNode));
+        nodes_[node] = KDTreeNode{-offset, static_cast<int>(n)};
+        return true;
+    }
+
+    const float* vertices_;
+    const int* triangles_;
+    int vertexCount_;
+    int triangleCount_;
+    const KDTreeBuildContext& params_;
+    double qualityFactor_;
+    BuildBudget budget_;
+    ChargedBlock lists_[4];  // candidate starts, ends, flats, and the radix sort's spare
+    ChunkedArray<Ref> refs_;
+    ChunkedArray<KDTreeNode> nodes_;  // nodes and leaf lists, in final order
+    std::size_t refTop_ = 0;
+    std::size_t nodeCount_ = 0;
+};
+
+}  // namespace
+
+vlkStatus buildSimpleTree(KDTreeNode** tree, int triangleCount, int* treeSize) noexcept
+{
+    const long long reported = 4LL * triangleCount + 16;
+    const long long bytes = ((reported >> 3) + 1) * 8;
+    if (bytes > INT_MAX) return vlkStatusNoMemory;
+    auto* root = static_cast<KDTreeNode*>(vlkMalloc(static_cast<int>(bytes)));
+    if (!root) return vlkStatusNoMemory;
+    std::memset(root, 0, static_cast<std::size_t>(bytes));
+    root->link = -16;  // the list starts two nodes after the root
+    root->data = triangleCount;
+    int* list = reinterpret_cast<int*>(root + 2);
+    for (int t = 0; t < triangleCount; ++t) list[t] = t;
+    *tree = root;
+    *treeSize = static_cast<int>(reported);
+    return vlkStatusOk;
+}
+
+vlkStatus buildSahTree(KDTreeNode** tree, const float* vertices, const int* triangles,
+                       int vertexCount, int triangleCount, int* treeSize,
+                       const KDTreeBuildContext& params, std::uint32_t budget) noexcept
+{
+    // The size formula is evaluated in 32-bit unsigned arithmetic, wrap-around included.
+    const std::uint32_t t = static_cast<std::uint32_t>(triangleCount);
+    const std::uint32_t v = static_cast<std::uint32_t>(vertexCount);
+    const std::uint32_t needed = 16 * t + 36 * t + 12 * v + kFixedBudgetBytes;
+    if (budget < needed) return vlkStatusNoMemory;
+    SahBuilder builder(vertices, triangles, vertexCount, triangleCount, params, budget);
+    return builder.run(tree, treeSize);
+}
+
+}  // namespace vlkr::raytrace
