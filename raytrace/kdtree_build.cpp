@@ -52,36 +52,42 @@ struct Split {
 bool clipTriangle(const double corner[3][3], const Box& box, float lo[3], float hi[3])
 {
     constexpr int kMaxVerts = 9;
-    double poly[kMaxVerts][3], next[kMaxVerts][3];
-    int count = 3;
-    std::memcpy(poly, corner, sizeof(double) * 9);
-    for (int axis = 0; axis < 3 && count > 0; ++axis) {
-        for (int side = 0; side < 2 && count > 0; ++side) {
+    double poly[2][kMaxVerts][3];
+    int count = 3, cur = 0;
+    std::memcpy(poly[0], corner, sizeof(double) * 9);
+    for (int axis = 0; axis < 3; ++axis) {
+        for (int side = 0; side < 2; ++side) {
             const double plane = side == 0 ? box.lo[axis] : box.hi[axis];
             const double sign = side == 0 ? 1.0 : -1.0;  // inside: sign * (x - plane) >= 0
-            int out = 0;
+            const double(*in)[3] = poly[cur];
+            bool allInside = true;
+            for (int i = 0; i < count; ++i) allInside = allInside && sign * (in[i][axis] - plane) >= 0;
+            if (allInside) continue;  // most planes cut nothing
+            double(*out)[3] = poly[cur ^ 1];
+            int n = 0;
             for (int i = 0; i < count; ++i) {
-                const double* a = poly[i];
-                const double* b = poly[(i + 1) % count];
+                const double* a = in[i];
+                const double* b = in[(i + 1) % count];
                 const double da = sign * (a[axis] - plane), db = sign * (b[axis] - plane);
-                if (da >= 0) std::memcpy(next[out++], a, sizeof(double) * 3);
+                if (da >= 0) std::memcpy(out[n++], a, sizeof(double) * 3);
                 if ((da >= 0) != (db >= 0)) {
                     const double t = da / (da - db);
-                    for (int k = 0; k < 3; ++k) next[out][k] = a[k] + t * (b[k] - a[k]);
-                    next[out][axis] = plane;  // exactly on the plane, whatever t rounded to
-                    ++out;
+                    for (int k = 0; k < 3; ++k) out[n][k] = a[k] + t * (b[k] - a[k]);
+                    out[n][axis] = plane;  // exactly on the plane, whatever t rounded to
+                    ++n;
                 }
             }
-            count = out;
-            std::memcpy(poly, next, sizeof(double) * 3 * static_cast<std::size_t>(count));
+            count = n;
+            cur ^= 1;
+            if (count == 0) return false;
         }
     }
-    if (count == 0) return false;
+    const double(*p)[3] = poly[cur];
     for (int k = 0; k < 3; ++k) {
-        double l = poly[0][k], h = poly[0][k];
+        double l = p[0][k], h = p[0][k];
         for (int i = 1; i < count; ++i) {
-            l = std::min(l, poly[i][k]);
-            h = std::max(h, poly[i][k]);
+            l = std::min(l, p[i][k]);
+            h = std::max(h, p[i][k]);
         }
         float fl = static_cast<float>(l), fh = static_cast<float>(h);
         if (fl > l) fl = std::nextafter(fl, -INFINITY);
@@ -123,36 +129,38 @@ inline std::uint32_t sortKey(float f)
     return u ^ ((u >> 31) ? 0xFFFFFFFFu : 0x80000000u);
 }
 
-// Sorts n floats ascending and returns where they ended up: `list`, or `spare` after the
-// three 11-bit radix passes that long lists take.
+// Sorts n floats ascending and returns where they ended up: `list`, or `spare` when the
+// byte-wise radix sort that long lists take ran an odd number of passes. A byte that is the
+// same in every key needs no pass, which in the small boxes deep in the tree is most of them.
 float* sortAscending(float* list, float* spare, std::size_t n)
 {
     if (n <= kBulkSortAbove) {
         std::sort(list, list + n);
         return list;
     }
-    std::uint32_t hist[3][2048] = {};
+    std::uint32_t hist[4][256] = {};
     for (std::size_t i = 0; i < n; ++i) {
         const std::uint32_t k = sortKey(list[i]);
-        ++hist[0][k & 2047];
-        ++hist[1][(k >> 11) & 2047];
-        ++hist[2][k >> 22];
-    }
-    for (auto& h : hist) {
-        std::uint32_t sum = 0;
-        for (std::uint32_t& c : h) {
-            const std::uint32_t count = c;
-            c = sum;
-            sum += count;
-        }
+        ++hist[0][k & 255];
+        ++hist[1][(k >> 8) & 255];
+        ++hist[2][(k >> 16) & 255];
+        ++hist[3][k >> 24];
     }
     float* src = list;
     float* dst = spare;
-    for (int pass = 0; pass < 3; ++pass) {
-        const int shift = 11 * pass;
+    for (int pass = 0; pass < 4; ++pass) {
+        std::uint32_t* h = hist[pass];
+        const int shift = 8 * pass;
+        if (h[(sortKey(src[0]) >> shift) & 255] == n) continue;
+        std::uint32_t sum = 0;
+        for (int d = 0; d < 256; ++d) {
+            const std::uint32_t count = h[d];
+            h[d] = sum;
+            sum += count;
+        }
         for (std::size_t i = 0; i < n; ++i) {
-            const std::uint32_t digit = (sortKey(src[i]) >> shift) & 2047;
-            dst[hist[pass][digit]++] = src[i];
+            const std::uint32_t digit = (sortKey(src[i]) >> shift) & 255;
+            dst[h[digit]++] = src[i];
         }
         std::swap(src, dst);
     }
@@ -223,8 +231,9 @@ private:
     {
         const std::uint32_t t = static_cast<std::uint32_t>(triangleCount_);
         const std::uint32_t v = static_cast<std::uint32_t>(vertexCount_);
+        // One extra slot per list for the sweep's end marker; the builder-state charge covers it.
         for (ChargedBlock& list : lists_)
-            if (!list.acquire(budget_, 4 * t, 4 * t)) return false;
+            if (!list.acquire(budget_, 4 * t + 4, 4 * t)) return false;
         const std::uint32_t refBytes = ((36 * t) & ~(kGranule - 1)) + kGranule;
         const std::uint32_t nodeBytes = ((48 * v) & ~(kGranule - 1)) + kGranule;
         return refs_.init(budget_, refBytes) && nodes_.init(budget_, nodeBytes);
@@ -395,23 +404,24 @@ private:
                      sortedFlats[nflat - 1], false, n - k, k);
         }
 
-        // Sweep every distinct bound in ascending order.
+        // Sweep every distinct bound in ascending order; +inf ends each list.
+        sortedStarts[ns] = INFINITY;
+        sortedEnds[ns] = INFINITY;
+        sortedFlats[nflat] = INFINITY;
         std::size_t is = 0, ie = 0, iflat = 0;
-        while (is < ns || ie < ns || iflat < nflat) {
-            float p = INFINITY;
-            if (is < ns) p = sortedStarts[is];
-            if (ie < ns) p = std::min(p, sortedEnds[ie]);
-            if (iflat < nflat) p = std::min(p, sortedFlats[iflat]);
-            while (ie < ns && sortedEnds[ie] <= p) ++ie;
+        for (;;) {
+            const float p = std::min(std::min(sortedStarts[is], sortedEnds[ie]), sortedFlats[iflat]);
+            if (p == INFINITY) break;
+            while (sortedEnds[ie] <= p) ++ie;
             std::size_t m = 0;
-            while (iflat + m < nflat && sortedFlats[iflat + m] == p) ++m;
+            while (sortedFlats[iflat + m] == p) ++m;
             const std::size_t nl = is + iflat, nr = n - ie - iflat;
             const double l = (double(p) - lo) + h, r = (hi - double(p)) + h;
             consider(double(float(nl)) * l + double(float(nr)) * r, p, false, nl, nr);
             if (m > 0)
                 consider(double(float(nl + m)) * l + double(float(nr - m)) * r, p, true, nl + m,
                          nr - m);
-            while (is < ns && sortedStarts[is] <= p) ++is;
+            while (sortedStarts[is] <= p) ++is;
             iflat += m;
         }
         if (bestCost < kNoCost) {
