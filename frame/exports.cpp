@@ -24,6 +24,35 @@ VLKR_API vlkStatus vlkrTriangleAccelInit(TriangleAccel* accel, const float* vert
     return vlkr::raytrace::triangleAccelInit(accel, vertices, triangles, triangleCount);
 }
 
+VLKR_API vlkStatus vlkrIntersectAnySO_32f(const float origin[3], const float* const dir[3],
+                                          int* triangle, int* mask, PacketSize block,
+                                          const IntersectContext* ctx)
+{
+    return vlkr::raytrace::intersectAnySO(origin, dir, triangle, mask, block, ctx);
+}
+
+VLKR_API vlkStatus vlkrIntersectEyeSO_32f(const float origin[3], const float* const dir[3],
+                                          float* dist, float* const hit[2], int* triangle,
+                                          const IntersectContext* ctx, PacketSize block)
+{
+    return vlkr::raytrace::intersectEyeSO(origin, dir, dist, hit, triangle, ctx, block);
+}
+
+VLKR_API vlkStatus vlkrIntersectMO_32f(const float* const origin[3], const float* const dir[3],
+                                       float* dist, float* const hit[2], int* triangle,
+                                       const IntersectContext* ctx, PacketSize block)
+{
+    return vlkr::raytrace::intersectMO(origin, dir, dist, hit, triangle, ctx, block);
+}
+
+VLKR_API vlkStatus vlkrIntersectMultipleSO_32f(const float origin[3], const float* const dir[3],
+                                               float* dist, float* const hit[2], int* triangle,
+                                               const VolumeSize* volume,
+                                               const IntersectContext* ctx)
+{
+    return vlkr::raytrace::intersectMultipleSO(origin, dir, dist, hit, triangle, volume, ctx);
+}
+
 VLKR_API vlkStatus vlkrKDTreeBuildAlloc(KDTreeNode** tree, const float* vertices,
                                         const int* triangles, int vertexCount,
                                         int triangleCount, int* treeSize,

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "intersect.h"
 #include "kdtree_build.h"
 #include "scene.h"
 #include "vlkcore.h"
@@ -64,6 +65,51 @@ vlkStatus kdTreeFree(KDTreeNode* tree) noexcept
 {
     // Kept on purpose: a null tree is handed to vlkFree like any other.
     vlkFree(tree);
+    return vlkStatusOk;
+}
+
+// The intersection queries check only the arrays they write or must read; origins, the
+// triangle array of the nearest-hit queries and the context are used unchecked on purpose.
+
+vlkStatus intersectEyeSO(const float origin[3], const float* const dir[3], float* dist,
+                         float* const hit[2], int* triangle, const IntersectContext* ctx,
+                         PacketSize block) noexcept
+{
+    if (!dir || !dist || !hit) return vlkStatusNullPtr;
+    if (block.height < 1) return vlkStatusOk;
+    Origins o;
+    o.shared = origin;
+    intersectNearest(o, dir, dist, hit, triangle, *ctx, block);
+    return vlkStatusOk;
+}
+
+vlkStatus intersectMO(const float* const origin[3], const float* const dir[3], float* dist,
+                      float* const hit[2], int* triangle, const IntersectContext* ctx,
+                      PacketSize block) noexcept
+{
+    if (!origin || !dir || !dist) return vlkStatusNullPtr;
+    if (block.height < 1) return vlkStatusOk;
+    Origins o;
+    o.perRay = origin;
+    intersectNearest(o, dir, dist, hit, triangle, *ctx, block);
+    return vlkStatusOk;
+}
+
+vlkStatus intersectMultipleSO(const float origin[3], const float* const dir[3], float* dist,
+                              float* const hit[2], int* triangle, const VolumeSize* volume,
+                              const IntersectContext* ctx) noexcept
+{
+    if (!dir || !dist || !hit) return vlkStatusNullPtr;
+    intersectLayers(origin, dir, dist, hit, triangle, *volume, *ctx);
+    return vlkStatusOk;
+}
+
+vlkStatus intersectAnySO(const float origin[3], const float* const dir[3], int* triangle,
+                         int* mask, PacketSize block, const IntersectContext* ctx) noexcept
+{
+    if (!dir || !triangle || !mask) return vlkStatusNullPtr;
+    if (block.height < 1) return vlkStatusOk;
+    intersectAny(origin, dir, triangle, mask, block, *ctx);
     return vlkStatusOk;
 }
 

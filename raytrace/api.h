@@ -13,5 +13,16 @@ vlkStatus kdTreeBuildAlloc(KDTreeNode** tree, const float* vertices, const int* 
                            int vertexCount, int triangleCount, int* treeSize,
                            const KDTreeBuildContext* params) noexcept;
 vlkStatus kdTreeFree(KDTreeNode* tree) noexcept;
+vlkStatus intersectEyeSO(const float origin[3], const float* const dir[3], float* dist,
+                         float* const hit[2], int* triangle, const IntersectContext* ctx,
+                         PacketSize block) noexcept;
+vlkStatus intersectMO(const float* const origin[3], const float* const dir[3], float* dist,
+                      float* const hit[2], int* triangle, const IntersectContext* ctx,
+                      PacketSize block) noexcept;
+vlkStatus intersectMultipleSO(const float origin[3], const float* const dir[3], float* dist,
+                              float* const hit[2], int* triangle, const VolumeSize* volume,
+                              const IntersectContext* ctx) noexcept;
+vlkStatus intersectAnySO(const float origin[3], const float* const dir[3], int* triangle,
+                         int* mask, PacketSize block, const IntersectContext* ctx) noexcept;
 
 }  // namespace vlkr::raytrace

@@ -1,0 +1,209 @@
+// The single-ray k-d tree walk and ray/triangle test that every intersection query shares.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+
+#include "vlkr.h"
+
+namespace vlkr::raytrace {
+
+constexpr float kNodeEpsilon = 9.99999975e-06f;  // slack when deciding near/far children
+constexpr float kLayerEpsilon = 0.00019f;        // wider slack for the layered query
+constexpr float kTinyDirection = 1.1920929e-7f;  // smaller components do not narrow the box
+constexpr float kTinyInverse = 8.388608e8f;      // their stand-in inverse
+constexpr float kOcclusionTinyInverse = 83886.078125f;  // the occlusion query's stand-in
+constexpr float kSegmentPad = 0.0001f;           // the box segment's far end grows by this
+constexpr float kOcclusionFar = 1.0001f;
+constexpr float kFloatMax = 3.4028235e38f;
+
+// One ray as the walk sees it: the segment [tnear, tfar] inside the box, the inverses and
+// the sign flags that pick the near child.
+struct Ray {
+    float o[3];
+    float d[3];
+    float inv[3];
+    int sign[3];
+    float tnear;
+    float tfar;
+};
+
+inline float minOf(float a, float b) { return a < b ? a : b; }
+inline float maxOf(float a, float b) { return a > b ? a : b; }
+inline float absOf(float a) { return a < 0.0f ? -a : a; }
+
+// Clips the segment [0, maxDist] to the box; false when the ray misses it.
+inline bool enterBox(const float* box, float maxDist, Ray& r) noexcept
+{
+    float tnear = 0.0f, tfar = maxDist;
+    for (int k = 0; k < 3; ++k) {
+        const float d = r.d[k];
+        if (absOf(d) <= kTinyDirection) {
+            r.inv[k] = kTinyInverse;
+            r.sign[k] = 0;
+        } else {
+            const float t1 = (box[3 + k] - r.o[k]) / d;
+            const float t2 = (box[k] - r.o[k]) / d;
+            tnear = maxOf(tnear, minOf(t1, t2));
+            tfar = minOf(tfar, maxOf(t1, t2));
+            r.inv[k] = 1.0f / d;
+            r.sign[k] = d < 0.0f ? 1 : 0;
+        }
+        if (tnear > tfar) return false;
+    }
+    r.tnear = tnear;
+    r.tfar = tfar + kSegmentPad;
+    return true;
+}
+
+// The layered query's later segments: from the new origin to where the ray leaves the box,
+// reusing the first layer's inverses and sign flags.
+inline void reenterBox(const float* box, Ray& r) noexcept
+{
+    float tfar = kFloatMax;
+    for (int k = 0; k < 3; ++k) {
+        const float a = (box[k] - r.o[k]) * r.inv[k];
+        const float b = (box[3 + k] - r.o[k]) * r.inv[k];
+        tfar = minOf(tfar, maxOf(a, b));
+    }
+    r.tnear = 0.0f;
+    r.tfar = tfar + kSegmentPad;
+}
+
+// Occlusion rays test 0 < t < 1 without the box; tiny components get their own stand-in.
+inline void setUpOcclusion(Ray& r) noexcept
+{
+    for (int k = 0; k < 3; ++k) {
+        r.sign[k] = r.d[k] < 0.0f ? 1 : 0;
+        r.inv[k] = absOf(r.d[k]) <= kTinyDirection ? kOcclusionTinyInverse : 1.0f / r.d[k];
+    }
+    r.tnear = 0.0f;
+    r.tfar = kOcclusionFar;
+}
+
+inline const KDTreeNode* childPair(const KDTreeNode* node) noexcept
+{
+    return reinterpret_cast<const KDTreeNode*>(reinterpret_cast<const char*>(node) +
+                                               (node->link & ~7));
+}
+
+inline float splitOf(const KDTreeNode* node) noexcept
+{
+    float s;
+    std::memcpy(&s, &node->data, 4);
+    return s;
+}
+
+// The triangle numbers of a leaf: a pointer into the tree, or into `local` for the forms
+// that hold up to three numbers in the node itself.
+inline int leafTriangles(const KDTreeNode* node, int local[3], const int** list) noexcept
+{
+    const int data = node->data;
+    if (data == 0) return 0;
+    if (data > 0) {
+        *list = reinterpret_cast<const int*>(reinterpret_cast<const char*>(node) -
+                                             (node->link & ~3));
+        return data;
+    }
+    const std::uint32_t k = std::uint32_t(node->link) & 0x7FFFFFFFu;
+    const std::uint32_t m = (std::uint32_t(data) & 0x7FFFFFFCu) >> 2;
+    const int count = data & 3;
+    if (count == 1) {
+        local[0] = int(k);
+    } else if (count == 2) {
+        local[0] = int(k);
+        local[1] = int(m);
+    } else if (count == 3) {
+        local[0] = int(m - (k >> 16));
+        local[1] = int(m);
+        local[2] = int(m + (k & 0xFFFFu));
+    }
+    *list = local;
+    return count;
+}
+
+/*
+ * Projected ray/triangle test. The record stores the plane as w = C[w] - nu (u - C[u]) -
+ * nv (v - C[v]) and the edge functions scaled by 1 / N[w], so the hit needs one division.
+ * P and Q are the barycentric weights of corners A and B times D; a point on an edge
+ * counts. Every operation runs in this order so that all paths agree to the bit.
+ */
+struct TriangleHit {
+    float t, p, q;
+};
+
+inline bool hitTriangle(const TriangleAccel& a, const float o[3], const float d[3], float best,
+                        TriangleHit& out) noexcept
+{
+    const std::uint32_t axes = a.axes;
+    if (axes == 0) return false;
+    const int u = (axes >> 2) & 3, v = axes & 3, w = (axes >> 4) & 3;
+    const float D = (a.nu * d[u] + a.nv * d[v]) + d[w];
+    const float eu = a.cu - o[u], ev = a.cv - o[v];
+    const float nt = ((a.cw + a.nu * eu) + a.nv * ev) - o[w];
+    const float x1 = d[u] * nt - eu * D;
+    const float x2 = d[v] * nt - ev * D;
+    const float P = a.e2v * x1 - a.e2u * x2;
+    const float Q = a.e1u * x2 - a.e1v * x1;
+    const float R = (D - P) - Q;
+    if (!(R * P >= 0.0f && P * Q >= 0.0f && R * Q >= 0.0f)) return false;
+    const float t = nt / D;
+    if (!(best > t && t > 0.0f)) return false;
+    out = {t, P / D, Q / D};
+    return true;
+}
+
+/*
+ * Front-to-back walk of one ray. At an inner node the ray visits the near child first and
+ * keeps the far child on a stack with the segment's far end; it skips a child its segment
+ * cannot reach, with an epsilon of slack. After each leaf the walk stops once the segment
+ * lies wholly beyond the best hit. The build keeps depth <= 50, which bounds the stack.
+ * The policy decides which triangles count and what a hit does (returns true to stop).
+ */
+template <class Policy>
+void walkTree(const KDTreeNode* root, const TriangleAccel* accel, float epsilon, Ray& r,
+              Policy& hits) noexcept
+{
+    struct Entry {
+        const KDTreeNode* node;
+        float tfar;
+    } stack[50];
+    int depth = 0;
+    const KDTreeNode* node = root;
+    float tnear = r.tnear, tfar = r.tfar;
+    for (;;) {
+        while (node->link >= 0) {
+            const int axis = node->link & 3;
+            const float t = (splitOf(node) - r.o[axis]) * r.inv[axis];
+            const KDTreeNode* pair = childPair(node);
+            const KDTreeNode* nearChild = pair + r.sign[axis];
+            const KDTreeNode* farChild = pair + (1 - r.sign[axis]);
+            if (tnear - t > epsilon) {
+                node = farChild;
+                continue;
+            }
+            node = nearChild;
+            if (!(t - tfar > epsilon)) {
+                stack[depth++] = {farChild, tfar};
+                tfar = maxOf(tnear, minOf(t, tfar));
+            }
+        }
+        int local[3];
+        const int* list = nullptr;
+        const int count = leafTriangles(node, local, &list);
+        for (int k = 0; k < count; ++k) {
+            const int n = list[k];
+            if (hits.skip(n)) continue;
+            TriangleHit h;
+            if (hitTriangle(accel[n], r.o, r.d, hits.best, h) && hits.onHit(n, h.t, h.p, h.q))
+                return;
+        }
+        if (depth == 0 || tfar >= hits.best) return;
+        tnear = tfar;
+        --depth;
+        node = stack[depth].node;
+        tfar = stack[depth].tfar;
+    }
+}
+
+}  // namespace vlkr::raytrace
