@@ -1,0 +1,52 @@
+// The k-d tree build's budget account and chunked storage, exactly as charged.
+#include <gtest/gtest.h>
+
+#include "raytrace/build_memory.h"
+#include "vlkcore_testing.h"
+
+namespace {
+
+using vlkr::raytrace::BuildBudget;
+using vlkr::raytrace::ChargedBlock;
+using vlkr::raytrace::ChunkedArray;
+
+struct Ref32 {
+    int words[8];
+};
+
+TEST(BuildBudget, StateIsChargedAndGrowthNeedsAWholeGranule)
+{
+    BuildBudget budget(3u * (1u << 24) + 479);
+    EXPECT_EQ(budget.remaining(), 3u * (1u << 24) + 79);  // 400 bytes of builder state
+    {
+        ChunkedArray<Ref32> refs;
+        ASSERT_TRUE(refs.init(budget, 1u << 24));
+        EXPECT_EQ(budget.remaining(), 2u * (1u << 24) + 79);
+        EXPECT_EQ(refs.capacity(), std::size_t(1) << 19);
+        ASSERT_TRUE(refs.reserve((std::size_t(1) << 19) + 1));  // one more granule and header
+        EXPECT_EQ(budget.remaining(), (1u << 24) + 39);
+        EXPECT_FALSE(refs.reserve(std::size_t(3) << 19)) << "16,777,255 left: one byte short";
+        EXPECT_EQ(budget.remaining(), (1u << 24) + 39);
+        refs[(std::size_t(1) << 19)].words[0] = 42;  // the second chunk is real memory
+    }
+    EXPECT_EQ(budget.remaining(), 3u * (1u << 24) + 79) << "all refunded";
+}
+
+TEST(BuildBudget, BlocksRefundOnReleaseAndHandOverKeepsTheMemory)
+{
+    BuildBudget budget(1u << 20);
+    const long long base = vlkTestLiveBytes();
+    ChargedBlock a;
+    EXPECT_FALSE(a.acquire(budget, 2u << 20, 2u << 20));
+    ASSERT_TRUE(a.acquire(budget, 1000, 1024));
+    EXPECT_EQ(budget.remaining(), (1u << 20) - 400 - 1024);
+    a.release();
+    EXPECT_EQ(budget.remaining(), (1u << 20) - 400);
+    ASSERT_TRUE(a.acquire(budget, 64, 64));
+    void* kept = a.handOver();
+    EXPECT_EQ(vlkTestLiveBytes() - base, 64);
+    vlkFree(kept);
+    EXPECT_EQ(vlkTestLiveBytes(), base);
+}
+
+}  // namespace
