@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "kdtree_walk.h"
+#include "packet_walk.h"
 
 namespace vlkr::raytrace {
 namespace {
@@ -54,9 +55,83 @@ struct AnyHit {
     static bool skip(int) noexcept { return false; }
 };
 
+// The packet forms of the two policies, lane for lane the same decisions.
+struct NearestHit4 {
+    __m128 best;
+    __m128 p = _mm_setzero_ps(), q = _mm_setzero_ps();
+    __m128 triangle = _mm_castsi128_ps(_mm_set1_epi32(-1));
+    int onHit(int n, __m128 hit, int, __m128 t, __m128 pp, __m128 qq) noexcept
+    {
+        best = select4(hit, t, best);
+        p = select4(hit, pp, p);
+        q = select4(hit, qq, q);
+        triangle = select4(hit, _mm_castsi128_ps(_mm_set1_epi32(n)), triangle);
+        return 0;
+    }
+};
+
+struct AnyHit4 {
+    __m128 best = _mm_set1_ps(1.0f);
+    int triangle[4] = {-1, -1, -1, -1};
+    int onHit(int n, __m128, int lanes, __m128, __m128, __m128) noexcept
+    {
+        for (int l = 0; l < 4; ++l)
+            if (lanes >> l & 1) triangle[l] = n;
+        return lanes;  // an occluded ray is finished
+    }
+};
+
 void loadRay(const float* const dir[3], std::size_t i, float d[3]) noexcept
 {
     for (int k = 0; k < 3; ++k) d[k] = dir[k][i];
+}
+
+int signPattern(const Ray& r) { return r.sign[0] | r.sign[1] << 1 | r.sign[2] << 2; }
+
+// Gathers the rays of `lanes` (all with the sign pattern of `rays[first]`) into a packet; idle
+// lanes repeat the first ray so that they compute harmless numbers.
+Packet4 gatherPacket(const Ray rays[4], int lanes, int first)
+{
+    alignas(16) float v[5][3][4];
+    alignas(16) float seg[2][4];
+    for (int l = 0; l < 4; ++l) {
+        const Ray& r = rays[(lanes >> l & 1) ? l : first];
+        for (int k = 0; k < 3; ++k) {
+            v[0][k][l] = r.o[k];
+            v[1][k][l] = r.d[k];
+            v[2][k][l] = r.inv[k];
+        }
+        seg[0][l] = r.tnear;
+        seg[1][l] = r.tfar;
+    }
+    Packet4 p;
+    for (int k = 0; k < 3; ++k) {
+        p.o[k] = _mm_load_ps(v[0][k]);
+        p.d[k] = _mm_load_ps(v[1][k]);
+        p.inv[k] = _mm_load_ps(v[2][k]);
+        p.sign[k] = rays[first].sign[k];
+    }
+    p.tnear = _mm_load_ps(seg[0]);
+    p.tfar = _mm_load_ps(seg[1]);
+    return p;
+}
+
+// Splits the rays of `ready` into the largest group sharing one sign pattern, returned as a
+// lane mask with its first lane; the rest go through the single-ray walk.
+int packetLanes(const Ray rays[4], int ready, int& first)
+{
+    int best = 0;
+    for (int l = 0; l < 4; ++l) {
+        if (!(ready >> l & 1)) continue;
+        int group = 0;
+        for (int m = 0; m < 4; ++m)
+            if ((ready >> m & 1) && signPattern(rays[m]) == signPattern(rays[l])) group |= 1 << m;
+        if (__builtin_popcount(group) > __builtin_popcount(best)) {
+            best = group;
+            first = l;
+        }
+    }
+    return best;
 }
 
 }  // namespace
@@ -67,19 +142,60 @@ void intersectNearest(Origins origin, const float* const dir[3], float* dist,
 {
     const std::size_t width = block.width > 0 ? std::size_t(block.width) : 0;
     const std::size_t count = width * std::size_t(block.height);
-    for (std::size_t i = 0; i < count; ++i) {
-        triangle[i] = -1;
-        Ray ray;
-        for (int k = 0; k < 3; ++k) ray.o[k] = origin.shared ? origin.shared[k] : origin.perRay[k][i];
-        loadRay(dir, i, ray.d);
-        if (!enterBox(ctx.pBound, dist[i], ray)) continue;
+    auto single = [&](Ray& ray, std::size_t i) {
         NearestHit h{dist[i]};
         walkTree(ctx.pRootNode, ctx.pAccel, kNodeEpsilon, ray, h);
-        if (h.triangle < 0) continue;
+        if (h.triangle < 0) return;
         dist[i] = h.best;
         hit[0][i] = h.p;
         hit[1][i] = h.q;
         triangle[i] = h.triangle;
+    };
+    auto setUp = [&](Ray& ray, std::size_t i) {
+        triangle[i] = -1;
+        for (int k = 0; k < 3; ++k) ray.o[k] = origin.shared ? origin.shared[k] : origin.perRay[k][i];
+        loadRay(dir, i, ray.d);
+        return enterBox(ctx.pBound, dist[i], ray);
+    };
+
+    // Rays from one origin travel together in fours; per-ray origins are rarely coherent
+    // enough to share a walk, so they go one by one.
+    std::size_t i = 0;
+    if (origin.shared) {
+        for (; i + 4 <= count; i += 4) {
+            Ray rays[4];
+            int ready = 0;
+            for (int l = 0; l < 4; ++l) ready |= setUp(rays[l], i + l) ? 1 << l : 0;
+            int first = 0;
+            const int lanes = packetLanes(rays, ready, first);
+            if (__builtin_popcount(lanes) > 1) {
+                Packet4 packet = gatherPacket(rays, lanes, first);
+                alignas(16) float best[4];
+                for (int l = 0; l < 4; ++l) best[l] = dist[i + l];
+                NearestHit4 h{_mm_load_ps(best)};
+                walkPacket(ctx.pRootNode, ctx.pAccel, kNodeEpsilon, packet, lanes, h);
+                alignas(16) float t[4], p[4], q[4];
+                alignas(16) int tri[4];
+                _mm_store_ps(t, h.best);
+                _mm_store_ps(p, h.p);
+                _mm_store_ps(q, h.q);
+                _mm_store_si128(reinterpret_cast<__m128i*>(tri), _mm_castps_si128(h.triangle));
+                for (int l = 0; l < 4; ++l) {
+                    if (!(lanes >> l & 1) || tri[l] < 0) continue;
+                    dist[i + l] = t[l];
+                    hit[0][i + l] = p[l];
+                    hit[1][i + l] = q[l];
+                    triangle[i + l] = tri[l];
+                }
+                ready &= ~lanes;
+            }
+            for (int l = 0; l < 4; ++l)
+                if (ready >> l & 1) single(rays[l], i + l);
+        }
+    }
+    for (; i < count; ++i) {
+        Ray ray;
+        if (setUp(ray, i)) single(ray, i);
     }
 }
 
@@ -132,18 +248,45 @@ void intersectAny(const float origin[3], const float* const dir[3], int* triangl
 {
     const std::size_t width = block.width > 0 ? std::size_t(block.width) : 0;
     const std::size_t count = width * std::size_t(block.height);
-    for (std::size_t i = 0; i < count; ++i) {
+    auto setUp = [&](Ray& ray, std::size_t i) {
         triangle[i] = -1;
-        if (mask[i] < 0) continue;
-        Ray ray;
+        if (mask[i] < 0) return false;
         for (int k = 0; k < 3; ++k) ray.o[k] = origin[k];
         loadRay(dir, i, ray.d);
         setUpOcclusion(ray);
+        return true;
+    };
+    auto single = [&](Ray& ray, std::size_t i) {
         AnyHit h;
         walkTree(ctx.pRootNode, ctx.pAccel, kNodeEpsilon, ray, h);
-        if (h.triangle < 0) continue;
+        if (h.triangle < 0) return;
         triangle[i] = h.triangle;
         mask[i] = -1;
+    };
+    std::size_t i = 0;
+    for (; i + 4 <= count; i += 4) {
+        Ray rays[4];
+        int ready = 0;
+        for (int l = 0; l < 4; ++l) ready |= setUp(rays[l], i + l) ? 1 << l : 0;
+        int first = 0;
+        const int lanes = packetLanes(rays, ready, first);
+        if (__builtin_popcount(lanes) > 1) {
+            Packet4 packet = gatherPacket(rays, lanes, first);
+            AnyHit4 h;
+            walkPacket(ctx.pRootNode, ctx.pAccel, kNodeEpsilon, packet, lanes, h);
+            for (int l = 0; l < 4; ++l) {
+                if (!(lanes >> l & 1) || h.triangle[l] < 0) continue;
+                triangle[i + l] = h.triangle[l];
+                mask[i + l] = -1;
+            }
+            ready &= ~lanes;
+        }
+        for (int l = 0; l < 4; ++l)
+            if (ready >> l & 1) single(rays[l], i + l);
+    }
+    for (; i < count; ++i) {
+        Ray ray;
+        if (setUp(ray, i)) single(ray, i);
     }
 }
 
