@@ -64,4 +64,79 @@ VLKR_API vlkStatus vlkrKDTreeBuildAlloc(KDTreeNode** tree, const float* vertices
 
 VLKR_API vlkStatus vlkrKDTreeFree(KDTreeNode* tree) { return vlkr::raytrace::kdTreeFree(tree); }
 
+VLKR_API vlkStatus vlkrAddMulMul_32f_AC1P3IM(const float k[3], const float* factor, const float* const src[3], const int* mask, float* const srcDst[3], int len)
+{
+    return vlkr::raytrace::addMulMulAC1P3IM(k, factor, src, mask, srcDst, len);
+}
+
+VLKR_API vlkStatus vlkrCastEye_32f(const float corner[3], const float columnStep[3], const float rowStep[3], int blockColumn, int blockRow, PacketSize blockSize, float* const dir[3], PacketSize packetSize)
+{
+    return vlkr::raytrace::castEye(corner, columnStep, rowStep, blockColumn, blockRow, blockSize, dir, packetSize);
+}
+
+VLKR_API vlkStatus vlkrCastReflectionRay_32f(const float* const incident[3], const int* mask, const float* const normal[3], float* const reflected[3], int len)
+{
+    return vlkr::raytrace::castReflectionRay(incident, mask, normal, reflected, len);
+}
+
+VLKR_API vlkStatus vlkrCastShadowSO_32f(const float light[3], const float* factor, const float* const normal[3], const float* const hitPoint[3], int* mask, float* cosine, float* const shadowDir[3], int len)
+{
+    return vlkr::raytrace::castShadowSO(light, factor, normal, hitPoint, mask, cosine, shadowDir, len);
+}
+
+VLKR_API vlkStatus vlkrDistAttenuationSO_32f_M(const float point[3], const float* const surface[3], const int* mask, float* dist, int len)
+{
+    return vlkr::raytrace::distAttenuationSOM(point, surface, mask, dist, len);
+}
+
+VLKR_API vlkStatus vlkrDiv_32f_C1IM(const float* divisor, const int* mask, float* srcDst, int len)
+{
+    return vlkr::raytrace::divC1IM(divisor, mask, srcDst, len);
+}
+
+VLKR_API vlkStatus vlkrDotChangeNorm_32f_IM(const float* const v[3], const int* mask, float* const normal[3], float* dot, int len)
+{
+    return vlkr::raytrace::dotChangeNormIM(v, mask, normal, dot, len);
+}
+
+VLKR_API vlkStatus vlkrDot_32f_P3C1M(const float* const a[3], const float* const b[3], const int* mask, float* dst, int len)
+{
+    return vlkr::raytrace::dotP3C1M(a, b, mask, dst, len);
+}
+
+VLKR_API vlkStatus vlkrHitPoint3DEpsM0_32f_M(const float* const origin[3], const float* const dir[3], const float* dist, const int* mask, float* const hitPoint[3], int len, float eps)
+{
+    return vlkr::raytrace::hitPoint3DEpsM0(origin, dir, dist, mask, hitPoint, len, eps);
+}
+
+VLKR_API vlkStatus vlkrHitPoint3DEpsS0_32f_M(const float origin[3], const float* const dir[3], const float* dist, const int* mask, float* const hitPoint[3], int len, float eps)
+{
+    return vlkr::raytrace::hitPoint3DEpsS0(origin, dir, dist, mask, hitPoint, len, eps);
+}
+
+VLKR_API vlkStatus vlkrMul_32f_C1IM(const float* factor, const int* mask, float* srcDst, int len)
+{
+    return vlkr::raytrace::mulC1IM(factor, mask, srcDst, len);
+}
+
+VLKR_API vlkStatus vlkrMul_32f_C1P3IM(const float* factor, const int* mask, float* const srcDst[3], int len)
+{
+    return vlkr::raytrace::mulC1P3IM(factor, mask, srcDst, len);
+}
+
+VLKR_API vlkStatus vlkrSurfFlatNormal_32f(const float* triangleNormals, const int* triangle, float* const normal[3], int len)
+{
+    return vlkr::raytrace::surfFlatNormal(triangleNormals, triangle, normal, len);
+}
+
+VLKR_API vlkStatus vlkrSurfSmoothNormal_32f(const float* vertexNormals, const int* normalIndices, const int* triangle, const float* const hit[2], float* const normal[3], int len, int stride)
+{
+    return vlkr::raytrace::surfSmoothNormal(vertexNormals, normalIndices, triangle, hit, normal, len, stride);
+}
+
+VLKR_API vlkStatus vlkrTriangleNormal_32f(const float* vertices, const int* triangles, float* normals, int triangleCount)
+{
+    return vlkr::raytrace::triangleNormal(vertices, triangles, normals, triangleCount);
+}
+
 }  // extern "C"

@@ -5,6 +5,9 @@
 
 #include "intersect.h"
 #include "kdtree_build.h"
+#include "normals.h"
+#include "rays.h"
+#include "shading.h"
 #include "scene.h"
 #include "vlkcore.h"
 
@@ -110,6 +113,149 @@ vlkStatus intersectAnySO(const float origin[3], const float* const dir[3], int* 
     if (!dir || !triangle || !mask) return vlkStatusNullPtr;
     if (block.height < 1) return vlkStatusOk;
     intersectAny(origin, dir, triangle, mask, block, *ctx);
+    return vlkStatusOk;
+}
+
+// The per-ray operations check the arrays named below, in this order, then the count; each
+// comment names what stays unchecked on purpose. Plane pointers inside triples are never
+// checked.
+
+vlkStatus castEye(const float corner[3], const float columnStep[3], const float rowStep[3],
+                  int blockColumn, int blockRow, PacketSize blockSize, float* const dir[3],
+                  PacketSize packetSize) noexcept
+{
+    if (!dir) return vlkStatusNullPtr;  // corner and the steps are unchecked
+    if (packetSize.height <= 0) return vlkStatusOk;
+    makeEyeRays(corner, columnStep, rowStep, blockColumn, blockRow, blockSize, dir,
+                packetSize);
+    return vlkStatusOk;
+}
+
+vlkStatus castReflectionRay(const float* const incident[3], const int* mask,
+                            const float* const normal[3], float* const reflected[3],
+                            int len) noexcept
+{
+    if (!incident || !mask || !normal || !reflected) return vlkStatusNullPtr;
+    if (len <= 0) return vlkStatusOk;
+    reflectRays(incident, mask, normal, reflected, len);
+    return vlkStatusOk;
+}
+
+vlkStatus castShadowSO(const float light[3], const float* factor, const float* const normal[3],
+                       const float* const hitPoint[3], int* mask, float* cosine,
+                       float* const shadowDir[3], int len) noexcept
+{
+    // The light position is unchecked; the cosine output is checked last.
+    if (!factor || !normal || !hitPoint || !mask || !shadowDir || !cosine) return vlkStatusNullPtr;
+    if (len <= 0) return vlkStatusOk;
+    makeShadowRays(light, factor, normal, hitPoint, mask, cosine, shadowDir, len);
+    return vlkStatusOk;
+}
+
+vlkStatus hitPoint3DEpsS0(const float origin[3], const float* const dir[3], const float* dist,
+                          const int* mask, float* const hitPoint[3], int len, float eps) noexcept
+{
+    if (!dist || !mask || !dir || !hitPoint) return vlkStatusNullPtr;  // origin unchecked
+    if (len <= 0) return vlkStatusOk;
+    makeHitPoints(origin, nullptr, dir, dist, mask, hitPoint, len, eps);
+    return vlkStatusOk;
+}
+
+vlkStatus hitPoint3DEpsM0(const float* const origin[3], const float* const dir[3],
+                          const float* dist, const int* mask, float* const hitPoint[3], int len,
+                          float eps) noexcept
+{
+    if (!dist || !mask || !dir || !hitPoint || !origin) return vlkStatusNullPtr;
+    if (len <= 0) return vlkStatusOk;
+    makeHitPoints(nullptr, origin, dir, dist, mask, hitPoint, len, eps);
+    return vlkStatusOk;
+}
+
+vlkStatus triangleNormal(const float* vertices, const int* triangles, float* normals,
+                         int triangleCount) noexcept
+{
+    if (!vertices || !triangles || !normals) return vlkStatusNullPtr;
+    if (triangleCount <= 0) return vlkStatusOk;
+    triangleNormals(vertices, triangles, normals, triangleCount);
+    return vlkStatusOk;
+}
+
+vlkStatus surfFlatNormal(const float* triangleNormals, const int* triangle,
+                         float* const normal[3], int len) noexcept
+{
+    if (!triangleNormals || !triangle) return vlkStatusNullPtr;  // the output is unchecked
+    if (len <= 0) return vlkStatusOk;
+    flatNormals(triangleNormals, triangle, normal, len);
+    return vlkStatusOk;
+}
+
+vlkStatus surfSmoothNormal(const float* vertexNormals, const int* normalIndices,
+                           const int* triangle, const float* const hit[2],
+                           float* const normal[3], int len, int stride) noexcept
+{
+    if (!vertexNormals || !normalIndices || !triangle || !hit || !normal) return vlkStatusNullPtr;
+    if (len <= 0) return vlkStatusOk;
+    smoothNormals(vertexNormals, normalIndices, triangle, hit, normal, len, stride);
+    return vlkStatusOk;
+}
+
+vlkStatus addMulMulAC1P3IM(const float k[3], const float* factor, const float* const src[3],
+                           const int* mask, float* const srcDst[3], int len) noexcept
+{
+    if (!factor || !src || !mask || !srcDst) return vlkStatusNullPtr;  // k unchecked
+    if (len <= 0) return vlkStatusOk;
+    addMulMul(k, factor, src, mask, srcDst, len);
+    return vlkStatusOk;
+}
+
+vlkStatus divC1IM(const float* divisor, const int* mask, float* srcDst, int len) noexcept
+{
+    if (!divisor || !srcDst) return vlkStatusNullPtr;  // the mask is unchecked
+    if (len <= 0) return vlkStatusOk;
+    return divide(divisor, mask, srcDst, len);
+}
+
+vlkStatus mulC1IM(const float* factor, const int* mask, float* srcDst, int len) noexcept
+{
+    if (!factor || !mask || !srcDst) return vlkStatusNullPtr;
+    if (len <= 0) return vlkStatusOk;
+    multiply(factor, mask, srcDst, len);
+    return vlkStatusOk;
+}
+
+vlkStatus mulC1P3IM(const float* factor, const int* mask, float* const srcDst[3],
+                    int len) noexcept
+{
+    if (!factor || !mask || !srcDst) return vlkStatusNullPtr;
+    if (len <= 0) return vlkStatusOk;
+    multiplyPlanes(factor, mask, srcDst, len);
+    return vlkStatusOk;
+}
+
+vlkStatus dotP3C1M(const float* const a[3], const float* const b[3], const int* mask, float* dst,
+                   int len) noexcept
+{
+    if (!a || !b || !mask || !dst) return vlkStatusNullPtr;
+    if (len <= 0) return vlkStatusOk;
+    dot(a, b, mask, dst, len);
+    return vlkStatusOk;
+}
+
+vlkStatus dotChangeNormIM(const float* const v[3], const int* mask, float* const normal[3],
+                          float* dotOut, int len) noexcept
+{
+    if (!v || !mask || !normal || !dotOut) return vlkStatusNullPtr;
+    if (len <= 0) return vlkStatusOk;
+    dotChangeNorm(v, mask, normal, dotOut, len);
+    return vlkStatusOk;
+}
+
+vlkStatus distAttenuationSOM(const float point[3], const float* const surface[3],
+                             const int* mask, float* dist, int len) noexcept
+{
+    if (!surface || !mask || !dist) return vlkStatusNullPtr;  // the point is unchecked
+    if (len <= 0) return vlkStatusOk;
+    distAttenuation(point, surface, mask, dist, len);
     return vlkStatusOk;
 }
 

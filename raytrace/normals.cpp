@@ -1,0 +1,89 @@
+// Triangle normals of a mesh, and per-ray flat or smooth surface normals at the hits.
+#include "normals.h"
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+
+namespace vlkr::raytrace {
+namespace {
+
+constexpr double kMinSquaredLength = 2.220446049250313e-16;  // shorter normals count as zero
+constexpr float kMinSmoothSquared = 1.1920929e-07f;           // likewise for blended normals
+
+void setZero(float* const normal[3], int i)
+{
+    for (int c = 0; c < 3; ++c) normal[c][i] = 0.0f;
+}
+
+}  // namespace
+
+// (A - C) x (B - C), normalised in double: counter-clockwise corners face the viewer.
+void triangleNormals(const float* vertices, const int* triangles, float* normals,
+                     int triangleCount) noexcept
+{
+    for (int k = 0; k < triangleCount; ++k) {
+        const float* a = vertices + 3 * triangles[4 * k];
+        const float* b = vertices + 3 * triangles[4 * k + 1];
+        const float* c = vertices + 3 * triangles[4 * k + 2];
+        double e1[3], e2[3];
+        for (int j = 0; j < 3; ++j) {
+            e1[j] = double(b[j]) - double(c[j]);
+            e2[j] = double(a[j]) - double(c[j]);
+        }
+        const double m[3] = {e2[1] * e1[2] - e2[2] * e1[1], e2[2] * e1[0] - e1[2] * e2[0],
+                             e1[1] * e2[0] - e2[1] * e1[0]};
+        const double squared = m[0] * m[0] + m[1] * m[1] + m[2] * m[2];
+        float* out = normals + 3 * std::size_t(k);
+        if (squared < kMinSquaredLength) {
+            out[0] = out[1] = out[2] = 0.0f;
+            continue;
+        }
+        const double length = std::sqrt(squared);
+        for (int j = 0; j < 3; ++j) out[j] = static_cast<float>(m[j] / length);
+    }
+}
+
+void flatNormals(const float* triangleNormals, const int* triangle, float* const normal[3],
+                 int len) noexcept
+{
+    for (int i = 0; i < len; ++i) {
+        if (triangle[i] < 0) {
+            setZero(normal, i);
+            continue;
+        }
+        const float* n = triangleNormals + 3 * std::size_t(triangle[i]);
+        for (int c = 0; c < 3; ++c) std::memcpy(normal[c] + i, n + c, 4);  // bits unchanged
+    }
+}
+
+// Barycentric blend of the three vertex normals (u weighs the first vertex, v the second),
+// renormalised in single precision.
+void smoothNormals(const float* vertexNormals, const int* normalIndices, const int* triangle,
+                   const float* const hit[2], float* const normal[3], int len,
+                   int stride) noexcept
+{
+    for (int i = 0; i < len; ++i) {
+        if (triangle[i] < 0) {
+            setZero(normal, i);
+            continue;
+        }
+        const float u = hit[0][i], v = hit[1][i];
+        const float w = (1.0f - u) - v;
+        const int* entry = normalIndices + std::int64_t(triangle[i]) * std::int64_t(stride);
+        const float* n0 = vertexNormals + 3 * std::size_t(entry[0]);
+        const float* n1 = vertexNormals + 3 * std::size_t(entry[1]);
+        const float* n2 = vertexNormals + 3 * std::size_t(entry[2]);
+        float n[3];
+        for (int c = 0; c < 3; ++c) n[c] = w * n2[c] + (v * n1[c] + u * n0[c]);
+        const float s = (n[0] * n[0] + n[1] * n[1]) + n[2] * n[2];
+        if (s < kMinSmoothSquared) {
+            setZero(normal, i);
+            continue;
+        }
+        const float root = std::sqrt(s);
+        for (int c = 0; c < 3; ++c) normal[c][i] = n[c] / root;
+    }
+}
+
+}  // namespace vlkr::raytrace
