@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include <emmintrin.h>
+
 namespace vlkr::raytrace {
 namespace {
 
@@ -18,18 +20,19 @@ void setZero(float* const normal[3], int i)
 
 }  // namespace
 
-// (A - C) x (B - C), normalised in double: counter-clockwise corners face the viewer.
+// (A - C) x (B - C), normalised in double: counter-clockwise corners face the viewer. Two
+// triangles share each SSE2 double operation; both halves run the scalar formula exactly.
 void triangleNormals(const float* vertices, const int* triangles, float* normals,
                      int triangleCount) noexcept
 {
-    for (int k = 0; k < triangleCount; ++k) {
-        const float* a = vertices + 3 * triangles[4 * k];
-        const float* b = vertices + 3 * triangles[4 * k + 1];
-        const float* c = vertices + 3 * triangles[4 * k + 2];
+    auto corner = [&](int k, int c, int axis) {
+        return double(vertices[3 * std::size_t(triangles[4 * std::size_t(k) + c]) + axis]);
+    };
+    auto one = [&](int k) {
         double e1[3], e2[3];
         for (int j = 0; j < 3; ++j) {
-            e1[j] = double(b[j]) - double(c[j]);
-            e2[j] = double(a[j]) - double(c[j]);
+            e1[j] = corner(k, 1, j) - corner(k, 2, j);
+            e2[j] = corner(k, 0, j) - corner(k, 2, j);
         }
         const double m[3] = {e2[1] * e1[2] - e2[2] * e1[1], e2[2] * e1[0] - e1[2] * e2[0],
                              e1[1] * e2[0] - e2[1] * e1[0]};
@@ -37,11 +40,34 @@ void triangleNormals(const float* vertices, const int* triangles, float* normals
         float* out = normals + 3 * std::size_t(k);
         if (squared < kMinSquaredLength) {
             out[0] = out[1] = out[2] = 0.0f;
-            continue;
+            return;
         }
         const double length = std::sqrt(squared);
         for (int j = 0; j < 3; ++j) out[j] = static_cast<float>(m[j] / length);
+    };
+    int k = 0;
+    for (; k + 2 <= triangleCount; k += 2) {
+        __m128d e1[3], e2[3];
+        for (int j = 0; j < 3; ++j) {
+            const __m128d c = _mm_setr_pd(corner(k, 2, j), corner(k + 1, 2, j));
+            e1[j] = _mm_sub_pd(_mm_setr_pd(corner(k, 1, j), corner(k + 1, 1, j)), c);
+            e2[j] = _mm_sub_pd(_mm_setr_pd(corner(k, 0, j), corner(k + 1, 0, j)), c);
+        }
+        const __m128d m[3] = {
+            _mm_sub_pd(_mm_mul_pd(e2[1], e1[2]), _mm_mul_pd(e2[2], e1[1])),
+            _mm_sub_pd(_mm_mul_pd(e2[2], e1[0]), _mm_mul_pd(e1[2], e2[0])),
+            _mm_sub_pd(_mm_mul_pd(e1[1], e2[0]), _mm_mul_pd(e2[1], e1[0]))};
+        const __m128d squared = _mm_add_pd(_mm_add_pd(_mm_mul_pd(m[0], m[0]), _mm_mul_pd(m[1], m[1])),
+                                           _mm_mul_pd(m[2], m[2]));
+        const __m128d tiny = _mm_cmplt_pd(squared, _mm_set1_pd(kMinSquaredLength));
+        const __m128d length = _mm_sqrt_pd(squared);
+        alignas(16) float out[3][4];
+        for (int j = 0; j < 3; ++j)
+            _mm_store_ps(out[j], _mm_cvtpd_ps(_mm_andnot_pd(tiny, _mm_div_pd(m[j], length))));
+        for (int t = 0; t < 2; ++t)
+            for (int j = 0; j < 3; ++j) normals[3 * std::size_t(k + t) + j] = out[j][t];
     }
+    for (; k < triangleCount; ++k) one(k);
 }
 
 void flatNormals(const float* triangleNormals, const int* triangle, float* const normal[3],
