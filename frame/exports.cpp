@@ -2,6 +2,7 @@
 #include "vlkr.h"
 
 #include "../raytrace/api.h"
+#include "../sh/api.h"
 #include "version.h"
 
 extern "C" {
@@ -137,6 +138,56 @@ VLKR_API vlkStatus vlkrSurfSmoothNormal_32f(const float* vertexNormals, const in
 VLKR_API vlkStatus vlkrTriangleNormal_32f(const float* vertices, const int* triangles, float* normals, int triangleCount)
 {
     return vlkr::raytrace::triangleNormal(vertices, triangles, normals, triangleCount);
+}
+
+VLKR_API vlkStatus vlkrSHGetSize_32f(int maxL, int shType, int* pSize)
+{
+    return vlkr::sh::getSize(maxL, shType, pSize);
+}
+
+VLKR_API vlkStatus vlkrSHInit_32f(SHContext* state, int maxL, int shType)
+{
+    return vlkr::sh::init(state, maxL, shType);
+}
+
+VLKR_API vlkStatus vlkrSH_32f(const float* x, const float* y, const float* z, int n, float* dst, int L, const SHContext* state)
+{
+    return vlkr::sh::basisAll(x, y, z, n, dst, L, state);
+}
+
+VLKR_API vlkStatus vlkrSHBand_32f(const float* x, const float* y, const float* z, int n, float* dst, int L)
+{
+    return vlkr::sh::basisBand(x, y, z, n, dst, L);
+}
+
+VLKR_API vlkStatus vlkrSHTFwd_32f_C1I(const float* x, const float* y, const float* z, const float* src, int n, float* coeffs, int L, const SHContext* state)
+{
+    return vlkr::sh::forwardC1I(x, y, z, src, n, coeffs, L, state);
+}
+
+VLKR_API vlkStatus vlkrSHTFwd_32f_C3P3I(const float* x, const float* y, const float* z, const float* src, int n, float* const coeffs[3], int L, const SHContext* state)
+{
+    return vlkr::sh::forwardC3P3I(x, y, z, src, n, coeffs, L, state);
+}
+
+VLKR_API vlkStatus vlkrSHTFwd_32f_P3I(const float* x, const float* y, const float* z, const float* const src[3], int n, float* const coeffs[3], int L, const SHContext* state)
+{
+    return vlkr::sh::forwardP3I(x, y, z, src, n, coeffs, L, state);
+}
+
+VLKR_API vlkStatus vlkrSHTInv_32f_C1(const float* coeffs, int L, const float* x, const float* y, const float* z, float* dst, int n, const SHContext* state)
+{
+    return vlkr::sh::inverseC1(coeffs, L, x, y, z, dst, n, state);
+}
+
+VLKR_API vlkStatus vlkrSHTInv_32f_P3(const float* const coeffs[3], int L, const float* x, const float* y, const float* z, float* const dst[3], int n, const SHContext* state)
+{
+    return vlkr::sh::inverseP3(coeffs, L, x, y, z, dst, n, state);
+}
+
+VLKR_API vlkStatus vlkrSHTInv_32f_P3C3(const float* const coeffs[3], int L, const float* x, const float* y, const float* z, float* dst, int n, const SHContext* state)
+{
+    return vlkr::sh::inverseP3C3(coeffs, L, x, y, z, dst, n, state);
 }
 
 }  // extern "C"

@@ -1,0 +1,157 @@
+// Argument checks of the spherical-harmonics operations. Orders are compared as unsigned
+// numbers, so a negative order counts as too large; a count of exactly 0 is an error while a
+// negative count is nothing to do.
+#include "api.h"
+
+#include "basis.h"
+#include "transform.h"
+
+namespace vlkr::sh {
+namespace {
+
+bool aboveOrder(int L, unsigned limit) { return unsigned(L) > limit; }
+
+template <class T>
+bool anyNull3(T* const* p)
+{
+    return !p || !p[0] || !p[1] || !p[2];
+}
+
+// The order checks of the transforms: the context's order, and band 15, beyond which the
+// per-sample buffer has no room.
+bool orderRefused(int L, const SHContext& state)
+{
+    return aboveOrder(L, unsigned(state.maxOrder)) || aboveOrder(L, kMaxBand);
+}
+
+}  // namespace
+
+vlkStatus getSize(int maxL, int shType, int* pSize) noexcept
+{
+    if (!pSize) return vlkStatusNullPtr;
+    if (shType == SHTypeDirect && aboveOrder(maxL, kMaxBand)) return vlkStatusSize;
+    if (shType != SHTypeDirect && shType != SHTypeRecurrence) return vlkStatusAlgType;
+    const long long size = stateSize(maxL, shType);
+    if (size < 0) return vlkStatusSize;
+    *pSize = int(size);
+    return vlkStatusOk;
+}
+
+vlkStatus init(SHContext* state, int maxL, int shType) noexcept
+{
+    if (!state) return vlkStatusNullPtr;
+    if (shType == SHTypeDirect && aboveOrder(maxL, kMaxBand)) return vlkStatusSize;
+    if (shType != SHTypeDirect && shType != SHTypeRecurrence) return vlkStatusAlgType;
+    if (stateSize(maxL, shType) < 0) return vlkStatusSize;
+    initState(state, maxL, shType);
+    return vlkStatusOk;
+}
+
+vlkStatus basisAll(const float* x, const float* y, const float* z, int n, float* dst, int L,
+                   const SHContext* state) noexcept
+{
+    if (!x || !y || !z || !dst || !state) return vlkStatusNullPtr;
+    if (n == 0) return vlkStatusSize;
+    if (aboveOrder(L, unsigned(state->maxOrder)) || aboveOrder(L, kMaxBand)) return vlkStatusAlgType;
+    if (state->shType != SHTypeDirect && state->shType != SHTypeRecurrence) return vlkStatusAlgType;
+    if (n < 0) return vlkStatusOk;
+    evaluate(x, y, z, std::size_t(n), dst, L, *state);
+    return vlkStatusOk;
+}
+
+vlkStatus basisBand(const float* x, const float* y, const float* z, int n, float* dst,
+                    int L) noexcept
+{
+    if (!x || !y || !z || !dst) return vlkStatusNullPtr;
+    if (aboveOrder(L, kMaxBand)) return vlkStatusAlgType;  // the band before the count
+    if (n == 0) return vlkStatusSize;
+    if (n < 0) return vlkStatusOk;
+    evaluateBand(x, y, z, std::size_t(n), dst, L);
+    return vlkStatusOk;
+}
+
+vlkStatus forwardC1I(const float* x, const float* y, const float* z, const float* src, int n,
+                     float* coeffs, int L, const SHContext* state) noexcept
+{
+    if (!x || !y || !z || !src || !coeffs || !state) return vlkStatusNullPtr;
+    if (n == 0) return vlkStatusSize;
+    if (orderRefused(L, *state)) return vlkStatusAlgType;
+    if (n < 0) return vlkStatusOk;
+    Channels channels;
+    channels.interleaved = src;
+    float* const out[1] = {coeffs};
+    forward(x, y, z, channels, std::size_t(n), out, L, *state);
+    return vlkStatusOk;
+}
+
+vlkStatus forwardC3P3I(const float* x, const float* y, const float* z, const float* src, int n,
+                       float* const coeffs[3], int L, const SHContext* state) noexcept
+{
+    if (!x || !y || !z || !src || anyNull3(coeffs) ||
+        !state)
+        return vlkStatusNullPtr;
+    if (n == 0) return vlkStatusSize;
+    if (orderRefused(L, *state)) return vlkStatusAlgType;
+    if (n < 0) return vlkStatusOk;
+    Channels channels;
+    channels.interleaved = src;
+    channels.count = 3;
+    forward(x, y, z, channels, std::size_t(n), coeffs, L, *state);
+    return vlkStatusOk;
+}
+
+vlkStatus forwardP3I(const float* x, const float* y, const float* z, const float* const src[3],
+                     int n, float* const coeffs[3], int L, const SHContext* state) noexcept
+{
+    if (!x || !y || !z || anyNull3(src) ||
+        anyNull3(coeffs) || !state)
+        return vlkStatusNullPtr;
+    if (n == 0) return vlkStatusSize;
+    if (orderRefused(L, *state)) return vlkStatusAlgType;
+    if (n < 0) return vlkStatusOk;
+    Channels channels;
+    channels.planes = src;
+    channels.count = 3;
+    forward(x, y, z, channels, std::size_t(n), coeffs, L, *state);
+    return vlkStatusOk;
+}
+
+vlkStatus inverseC1(const float* coeffs, int L, const float* x, const float* y, const float* z,
+                    float* dst, int n, const SHContext* state) noexcept
+{
+    if (!coeffs || !x || !y || !z || !dst || !state) return vlkStatusNullPtr;
+    if (n == 0) return vlkStatusSize;
+    if (orderRefused(L, *state)) return vlkStatusAlgType;
+    if (n < 0) return vlkStatusOk;
+    const float* const in[1] = {coeffs};
+    inverse(in, 1, L, x, y, z, nullptr, dst, std::size_t(n), *state);
+    return vlkStatusOk;
+}
+
+vlkStatus inverseP3(const float* const coeffs[3], int L, const float* x, const float* y,
+                    const float* z, float* const dst[3], int n, const SHContext* state) noexcept
+{
+    if (anyNull3(coeffs) || !x || !y || !z ||
+        anyNull3(dst) || !state)
+        return vlkStatusNullPtr;
+    if (n == 0) return vlkStatusSize;
+    if (orderRefused(L, *state)) return vlkStatusAlgType;
+    if (n < 0) return vlkStatusOk;
+    inverse(coeffs, 3, L, x, y, z, dst, nullptr, std::size_t(n), *state);
+    return vlkStatusOk;
+}
+
+vlkStatus inverseP3C3(const float* const coeffs[3], int L, const float* x, const float* y,
+                      const float* z, float* dst, int n, const SHContext* state) noexcept
+{
+    if (anyNull3(coeffs) || !x || !y || !z || !dst ||
+        !state)
+        return vlkStatusNullPtr;
+    if (n == 0) return vlkStatusSize;
+    if (orderRefused(L, *state)) return vlkStatusAlgType;
+    if (n < 0) return vlkStatusOk;
+    inverse(coeffs, 3, L, x, y, z, nullptr, dst, std::size_t(n), *state);
+    return vlkStatusOk;
+}
+
+}  // namespace vlkr::sh
