@@ -262,6 +262,7 @@ TEST(SHChecks, OrderOfChecks)
     EXPECT_EQ(vlkrSH_32f(v, v, v, 1, out, 4, direct.ctx), vlkStatusAlgType);
     EXPECT_EQ(vlkrSH_32f(v, v, v, 1, out, -1, rec.ctx), vlkStatusAlgType) << "unsigned order";
     EXPECT_EQ(vlkrSH_32f(v, v, v, -1, out, 3, rec.ctx), vlkStatusOk);
+    EXPECT_EQ(vlkrSH_32f(v, v, v, -1, out, 99, rec.ctx), vlkStatusOk) << "a negative count first";
     EXPECT_EQ(vlkrSHBand_32f(v, v, v, 0, out, 16), vlkStatusAlgType) << "band before count";
     EXPECT_EQ(vlkrSHBand_32f(v, v, v, 0, out, 15), vlkStatusSize);
     EXPECT_EQ(vlkrSHBand_32f(v, v, v, -3, out, 15), vlkStatusOk);
