@@ -4,7 +4,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "kdtree_inspect.h"
+#include "kdtree_decode.h"
 #include "ratio_reporter.h"
 #include "scenes.h"
 #include "vlkr.h"
@@ -57,7 +57,7 @@ void buildTree(benchmark::State& state, const Scene* s, float quality)
                          s->triangleCount(), &size, &params);
     float box[6];
     vlkrSetBoundBox_32f(s->vertices.data(), s->vertexCount(), box);
-    const vlkr::test::TreeInfo info = vlkr::test::inspectTree(tree, size, box, s->triangleCount());
+    const vlkr::test::TreeInfo info = vlkr::test::decodeTree(tree, size, box, s->triangleCount());
     vlkrKDTreeFree(tree);
     state.counters["sah"] = info.sahCost;
     state.counters["MB"] = size / 1048576.0;

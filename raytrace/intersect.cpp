@@ -134,6 +134,33 @@ int packetLanes(const Ray rays[4], int ready, int& first)
     return best;
 }
 
+// Sets up every ray of the block; in each group of four, the rays sharing a sign pattern walk
+// together (packet(p, lanes, i)) and the rest alone (single(ray, i)), as do all rays when
+// inFours is false.
+template <class SetUp, class Single, class PacketFn>
+void traceBlock(std::size_t count, bool inFours, SetUp setUp, Single single, PacketFn packet)
+{
+    std::size_t i = 0;
+    for (; inFours && i + 4 <= count; i += 4) {
+        Ray rays[4];
+        int ready = 0;
+        for (int l = 0; l < 4; ++l) ready |= setUp(rays[l], i + l) ? 1 << l : 0;
+        int first = 0;
+        const int lanes = packetLanes(rays, ready, first);
+        if (__builtin_popcount(lanes) > 1) {
+            Packet4 p = gatherPacket(rays, lanes, first);
+            packet(p, lanes, i);
+            ready &= ~lanes;
+        }
+        for (int l = 0; l < 4; ++l)
+            if (ready >> l & 1) single(rays[l], i + l);
+    }
+    for (; i < count; ++i) {
+        Ray ray;
+        if (setUp(ray, i)) single(ray, i);
+    }
+}
+
 }  // namespace
 
 void intersectNearest(Origins origin, const float* const dir[3], float* dist,
@@ -160,43 +187,26 @@ void intersectNearest(Origins origin, const float* const dir[3], float* dist,
 
     // Rays from one origin travel together in fours; per-ray origins are rarely coherent
     // enough to share a walk, so they go one by one.
-    std::size_t i = 0;
-    if (origin.shared) {
-        for (; i + 4 <= count; i += 4) {
-            Ray rays[4];
-            int ready = 0;
-            for (int l = 0; l < 4; ++l) ready |= setUp(rays[l], i + l) ? 1 << l : 0;
-            int first = 0;
-            const int lanes = packetLanes(rays, ready, first);
-            if (__builtin_popcount(lanes) > 1) {
-                Packet4 packet = gatherPacket(rays, lanes, first);
-                alignas(16) float best[4];
-                for (int l = 0; l < 4; ++l) best[l] = dist[i + l];
-                NearestHit4 h{_mm_load_ps(best)};
-                walkPacket(ctx.pRootNode, ctx.pAccel, kNodeEpsilon, packet, lanes, h);
-                alignas(16) float t[4], p[4], q[4];
-                alignas(16) int tri[4];
-                _mm_store_ps(t, h.best);
-                _mm_store_ps(p, h.p);
-                _mm_store_ps(q, h.q);
-                _mm_store_si128(reinterpret_cast<__m128i*>(tri), _mm_castps_si128(h.triangle));
-                for (int l = 0; l < 4; ++l) {
-                    if (!(lanes >> l & 1) || tri[l] < 0) continue;
-                    dist[i + l] = t[l];
-                    hit[0][i + l] = p[l];
-                    hit[1][i + l] = q[l];
-                    triangle[i + l] = tri[l];
-                }
-                ready &= ~lanes;
-            }
-            for (int l = 0; l < 4; ++l)
-                if (ready >> l & 1) single(rays[l], i + l);
+    auto packet = [&](Packet4& p, int lanes, std::size_t i) {
+        alignas(16) float best[4];
+        for (int l = 0; l < 4; ++l) best[l] = dist[i + l];
+        NearestHit4 h{_mm_load_ps(best)};
+        walkPacket(ctx.pRootNode, ctx.pAccel, kNodeEpsilon, p, lanes, h);
+        alignas(16) float t[4], u[4], v[4];
+        alignas(16) int tri[4];
+        _mm_store_ps(t, h.best);
+        _mm_store_ps(u, h.p);
+        _mm_store_ps(v, h.q);
+        _mm_store_si128(reinterpret_cast<__m128i*>(tri), _mm_castps_si128(h.triangle));
+        for (int l = 0; l < 4; ++l) {
+            if (!(lanes >> l & 1) || tri[l] < 0) continue;
+            dist[i + l] = t[l];
+            hit[0][i + l] = u[l];
+            hit[1][i + l] = v[l];
+            triangle[i + l] = tri[l];
         }
-    }
-    for (; i < count; ++i) {
-        Ray ray;
-        if (setUp(ray, i)) single(ray, i);
-    }
+    };
+    traceBlock(count, origin.shared != nullptr, setUp, single, packet);
 }
 
 void intersectLayers(const float origin[3], const float* const dir[3], float* dist,
@@ -263,31 +273,16 @@ void intersectAny(const float origin[3], const float* const dir[3], int* triangl
         triangle[i] = h.triangle;
         mask[i] = -1;
     };
-    std::size_t i = 0;
-    for (; i + 4 <= count; i += 4) {
-        Ray rays[4];
-        int ready = 0;
-        for (int l = 0; l < 4; ++l) ready |= setUp(rays[l], i + l) ? 1 << l : 0;
-        int first = 0;
-        const int lanes = packetLanes(rays, ready, first);
-        if (__builtin_popcount(lanes) > 1) {
-            Packet4 packet = gatherPacket(rays, lanes, first);
-            AnyHit4 h;
-            walkPacket(ctx.pRootNode, ctx.pAccel, kNodeEpsilon, packet, lanes, h);
-            for (int l = 0; l < 4; ++l) {
-                if (!(lanes >> l & 1) || h.triangle[l] < 0) continue;
-                triangle[i + l] = h.triangle[l];
-                mask[i + l] = -1;
-            }
-            ready &= ~lanes;
+    auto packet = [&](Packet4& p, int lanes, std::size_t i) {
+        AnyHit4 h;
+        walkPacket(ctx.pRootNode, ctx.pAccel, kNodeEpsilon, p, lanes, h);
+        for (int l = 0; l < 4; ++l) {
+            if (!(lanes >> l & 1) || h.triangle[l] < 0) continue;
+            triangle[i + l] = h.triangle[l];
+            mask[i + l] = -1;
         }
-        for (int l = 0; l < 4; ++l)
-            if (ready >> l & 1) single(rays[l], i + l);
-    }
-    for (; i < count; ++i) {
-        Ray ray;
-        if (setUp(ray, i)) single(ray, i);
-    }
+    };
+    traceBlock(count, true, setUp, single, packet);
 }
 
 }  // namespace vlkr::raytrace

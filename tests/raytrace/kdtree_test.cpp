@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "kdtree_inspect.h"
+#include "kdtree_decode.h"
 #include "test_mesh.h"
 #include "vlkcore_testing.h"
 #include "vlkr.h"
@@ -155,7 +155,7 @@ TEST(KDTreeSimple, EmptyMeshIsOneEmptyLeaf)
     const KDTreeBuildContext p = simple();
     ASSERT_EQ(vlkrKDTreeBuildAlloc(&tree, v, tri, 0, 0, &size, &p), vlkStatusOk);
     const float box[6] = {0, 0, 0, 1, 1, 1};
-    const auto info = vlkr::test::inspectTree(tree, size, box, 0);
+    const auto info = vlkr::test::decodeTree(tree, size, box, 0);
     EXPECT_TRUE(info.valid) << info.error;
     EXPECT_EQ(size, 16);
     EXPECT_EQ(info.emptyLeaves, 1);
@@ -193,7 +193,7 @@ void expectSoundTree(const Mesh& m, const KDTreeBuildContext& p, const std::stri
         std::memcpy(box, p.pBound, sizeof box);
     else
         vlkrSetBoundBox_32f(m.vertices.data(), m.vertexCount(), box);
-    const auto info = vlkr::test::inspectTree(tree, size, box, m.triangleCount(), int(p.depth));
+    const auto info = vlkr::test::decodeTree(tree, size, box, m.triangleCount(), int(p.depth));
     EXPECT_TRUE(info.valid) << what << ": " << info.error;
     std::string why;
     if (info.valid) {
@@ -231,7 +231,7 @@ TEST(KDTreeSah, DepthLimitIsHonoured)
         ASSERT_EQ(build(m, sah(256, 1.0f, depth), &tree, &size), vlkStatusOk);
         float box[6];
         vlkrSetBoundBox_32f(m.vertices.data(), m.vertexCount(), box);
-        const auto info = vlkr::test::inspectTree(tree, size, box, m.triangleCount(), 50);
+        const auto info = vlkr::test::decodeTree(tree, size, box, m.triangleCount(), 50);
         ASSERT_TRUE(info.valid) << info.error;
         EXPECT_LE(info.maxDepth, int(depth));
         if (depth == 0) {
@@ -252,7 +252,7 @@ TEST(KDTreeSah, DegenerateTrianglesAreLeftOut)
     ASSERT_EQ(vlkrKDTreeBuildAlloc(&tree, v, tri, 6, 3, &size, &p), vlkStatusOk);
     float box[6];
     vlkrSetBoundBox_32f(v, 6, box);
-    const auto info = vlkr::test::inspectTree(tree, size, box, 3);
+    const auto info = vlkr::test::decodeTree(tree, size, box, 3);
     ASSERT_TRUE(info.valid) << info.error;
     for (const auto& leaf : info.leafList)
         for (int t : leaf.triangles) EXPECT_NE(t, 1);

@@ -108,7 +108,7 @@ inline bool triangleCrossesOpenBox(const double p[3][3], const double lo[3], con
 // structure; stops at the first problem with valid == false and a readable error. sahCost is
 // the expected cost per ray relative to the root box area; with a zero-area root box every node
 // counts as always visited (inner nodes * traversalCost + references * intersectCost).
-inline TreeInfo inspectTree(const KDTreeNode* root, int treeSize, const float rootBox[6],
+inline TreeInfo decodeTree(const KDTreeNode* root, int treeSize, const float rootBox[6],
                             int triangleCount, int maxDepth = 50, double traversalCost = 1.0,
                             double intersectCost = 1.0)
 {
