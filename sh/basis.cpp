@@ -2,9 +2,11 @@
 // recurrence, and the closed-form (direct) evaluation generated per band.
 #include "basis.h"
 
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include <xmmintrin.h>
 
@@ -150,6 +152,28 @@ void recurrence4(const float* x, const float* y, const float* z, float* dst, int
     }
 }
 
+// Bands 0..L of one direction in increasing order. Instantiated per L so that the band
+// routines inline into one body and share the powers of (x + i y) they all form.
+template <int... kBands>
+void directBands(float x, float y, float z, float* out, std::integer_sequence<int, kBands...>)
+{
+    (kDirectBands[kBands](x, y, z, out + kBands * kBands), ...);
+}
+
+template <int kL>
+void directUpTo(float x, float y, float z, float* out) noexcept
+{
+    directBands(x, y, z, out, std::make_integer_sequence<int, kL + 1>());
+}
+
+template <int... kLs>
+constexpr std::array<DirectBandFn, sizeof...(kLs)> directUpToTable(std::integer_sequence<int, kLs...>)
+{
+    return {directUpTo<kLs>...};
+}
+
+constexpr auto kDirectUpTo = directUpToTable(std::make_integer_sequence<int, kMaxBand + 1>());
+
 }  // namespace
 
 long long stateSize(int maxL, int shType) noexcept
@@ -190,10 +214,8 @@ void evaluate(const float* x, const float* y, const float* z, std::size_t n, flo
             recurrence(x[i], y[i], z[i], dst + i * count, L, state.coefA, state.coefB);
         return;
     }
-    for (std::size_t i = 0; i < n; ++i) {
-        float* out = dst + i * count;
-        for (int l = 0; l <= L; ++l) kDirectBands[l](x[i], y[i], z[i], out + l * l);
-    }
+    const DirectBandFn upTo = kDirectUpTo[L];
+    for (std::size_t i = 0; i < n; ++i) upTo(x[i], y[i], z[i], dst + i * count);
 }
 
 void evaluateBand(const float* x, const float* y, const float* z, std::size_t n, float* dst,
