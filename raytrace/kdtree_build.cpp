@@ -37,7 +37,6 @@ struct Box {
 // The cheapest plane found on one axis, or over all axes.
 struct Split {
     double recorded = kNoCost;  // (a + b) times the cost: the surface-area cost of the split
-    double cost = kNoCost;      // the same before its (a + b) factor
     float pos = 0.0f;
     int axis = -1;
     bool flatsLow = false;  // triangles flat in the plane go below it
@@ -281,14 +280,13 @@ private:
         return count;
     }
 
-    // Leaf threshold of a node holding n references.
-    double threshold(const Box& box, std::size_t n) const noexcept
+    // Half the node's surface area times its reference count: the cost of making it a leaf.
+    static double leafCost(const Box& box, std::size_t n) noexcept
     {
         const double dx = double(box.hi[0]) - box.lo[0];
         const double dy = double(box.hi[1]) - box.lo[1];
         const double dz = double(box.hi[2]) - box.lo[2];
-        const double s = (dx * (dy + dz) + dy * dz) * double(float(n));
-        return std::max(kMinExtent, s * qualityFactor_ * kThresholdScale);
+        return (dx * (dy + dz) + dy * dz) * double(float(n));
     }
 
     /*
@@ -308,11 +306,9 @@ private:
      */
     bool worthSplitting(const Split& s, const Box& box, std::size_t n) const noexcept
     {
-        const double dx = double(box.hi[0]) - box.lo[0];
-        const double dy = double(box.hi[1]) - box.lo[1];
-        const double dz = double(box.hi[2]) - box.lo[2];
-        const double leaf = (dx * (dy + dz) + dy * dz) * double(float(n));
-        return s.recorded + threshold(box, n) / double(float(n)) < leaf;
+        const double leaf = leafCost(box, n);
+        const double threshold = std::max(kMinExtent, leaf * qualityFactor_ * kThresholdScale);
+        return s.recorded + threshold / double(float(n)) < leaf;
     }
 
     void findSplitOnAxis(int axis, std::size_t begin, std::size_t end, const Box& box,
@@ -366,7 +362,6 @@ private:
             }
         }
         if (emptyCost < kNoCost) {
-            axisBest.cost = kFacePreference * emptyCost;
             axisBest.recorded = kFacePreference * (ea + eb) * emptyCost;
             if (axisBest.recorded < best.recorded) best = axisBest;
             return;
@@ -428,7 +423,6 @@ private:
             iflat += m;
         }
         if (bestCost < kNoCost) {
-            axisBest.cost = bestCost;
             axisBest.recorded = (ea + eb) * bestCost;
             if (axisBest.recorded < best.recorded) best = axisBest;
         }
