@@ -1,36 +1,30 @@
 // Scalar models of the per-ray operations (rays, hit points, normals, masked shading), written
-// straight from their formulas, and the guarded, misaligned arrays the tests feed both with.
+// straight from their formulas, and the harness that runs each operation beside its model on
+// guarded, misaligned arrays and then checks which pointers it tests.
 #pragma once
 
 #include <algorithm>
-#include <array>
+#include <cfloat>
 #include <climits>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <ostream>
+#include <functional>
+#include <initializer_list>
 #include <random>
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include "test_mesh.h"
 #include "vlkr.h"
 
 namespace vlkr::reference {
 
-inline std::uint32_t wordOf(float f)
-{
-    std::uint32_t u;
-    std::memcpy(&u, &f, 4);
-    return u;
-}
-
-inline float floatOf(std::uint32_t w)
-{
-    float f;
-    std::memcpy(&f, &w, 4);
-    return f;
-}
+using vlkr::test::bitsOf;
+using vlkr::test::floatOf;
 
 // ------------------------------------------------------------------ rays and hit points
 
@@ -103,9 +97,7 @@ inline vlkStatus hitPointS0(const float o[3], const float* const d[3], const flo
 
 // ------------------------------------------------------------------ normals
 
-constexpr double kDoubleEpsilon = 2.220446049250313e-16;  // bound on the squared cross length
-constexpr float kFloatEpsilon = 1.1920929e-07f;           // bound on the squared blend length
-
+// Unit normals in double; zero where the squared cross length is below DBL_EPSILON.
 inline vlkStatus triangleNormal(const float* vertices, const int* triangles, float* normals,
                                 int triangleCount)
 {
@@ -122,7 +114,7 @@ inline vlkStatus triangleNormal(const float* vertices, const int* triangles, flo
                              e1[1] * e2[0] - e2[1] * e1[0]};
         const double l2 = m[0] * m[0] + m[1] * m[1] + m[2] * m[2];
         for (int c = 0; c < 3; ++c)
-            normals[3 * k + c] = l2 < kDoubleEpsilon ? 0.0f : float(m[c] / std::sqrt(l2));
+            normals[3 * k + c] = l2 < DBL_EPSILON ? 0.0f : float(m[c] / std::sqrt(l2));
     }
     return vlkStatusOk;
 }
@@ -139,6 +131,7 @@ inline vlkStatus surfFlatNormal(const float* triangleNormals, const int* triangl
     return vlkStatusOk;
 }
 
+// Blend normalised; zero for misses and where its squared length is below FLT_EPSILON.
 inline vlkStatus surfSmoothNormal(const float* vertexNormals, const int* normalIndices,
                                   const int* triangle, const float* const hit[2],
                                   float* const normal[3], int len, int stride)
@@ -152,7 +145,7 @@ inline vlkStatus surfSmoothNormal(const float* vertexNormals, const int* normalI
                         *N2 = vertexNormals + 3 * entry[2];
             for (int c = 0; c < 3; ++c) n[c] = w * N2[c] + (v * N1[c] + u * N0[c]);
             const float s = (n[0] * n[0] + n[1] * n[1]) + n[2] * n[2];
-            for (int c = 0; c < 3; ++c) n[c] = s < kFloatEpsilon ? 0.0f : n[c] / std::sqrt(s);
+            for (int c = 0; c < 3; ++c) n[c] = s < FLT_EPSILON ? 0.0f : n[c] / std::sqrt(s);
         }
         for (int c = 0; c < 3; ++c) normal[c][i] = n[c];
     }
@@ -235,51 +228,45 @@ inline vlkStatus distAttenuation(const float p[3], const float* const h[3], cons
     return vlkStatusOk;
 }
 
-// ------------------------------------------------------------------ test data
+// ------------------------------------------------------------------ harness
 
-// Bit patterns of a few floats, printed in hex, for the tests by example.
-struct Bits {
-    std::vector<std::uint32_t> w;
-    Bits(std::initializer_list<float> v) : Bits(v.begin(), int(v.size())) {}
-    Bits(const float* v, int n) : w(n) { std::memcpy(w.data(), v, 4 * std::size_t(n)); }
-    bool operator==(const Bits& o) const { return w == o.w; }
-    friend std::ostream& operator<<(std::ostream& os, const Bits& b)
-    {
-        for (std::uint32_t u : b.w) os << ' ' << std::hex << u << std::dec;
-        return os;
-    }
-};
+// Bit patterns of a few floats, for worked examples where signed zeros and NaNs matter.
+template <class... F>
+std::vector<std::uint32_t> bits(F... f)
+{
+    return {bitsOf(float(f))...};
+}
 
 // What a plane is to the operation: read per ray, written per ray, both, read whole by every
 // ray (constants, tables), or integers (masks, indices).
 enum class Role { In, Out, InOut, Shared, Index };
 
-// A plane handed to Trial::run as an argument: it becomes the array pointer, the P3 triple of it
-// and the next two planes, or the value of its first float, whichever the parameter asks for.
+// Placeholders in Trial::run's arguments. A plane becomes its pointer, the P3 triple of it and
+// the next two planes, or its first float, as the parameter asks; Count becomes Trial::count,
+// and Rows a packet of that many rows.
 struct PlaneId {
     int k;
 };
-// For the argument checks: the count under test, alone or as the height of a packet.
 struct Count {};
-struct PacketRows {
+struct Rows {
     int width;
 };
 
-struct alignas(16) Quad {
-    unsigned char bytes[16];
-};
-using Arena = std::vector<Quad>;  // storage of all planes of a call, 16-byte aligned
-
-// One random call of `n` rays. Each plane sits in the arena at its own offset of 0-3 floats from
-// 16-byte alignment, between kGuard words of random filler that must survive the call.
+// One random call of n rays. Each plane starts 0-3 floats past 16-byte alignment, between
+// kGuard words of random filler that must survive the call.
 class Trial {
 public:
     static constexpr int kGuard = 8;
+    static_assert(__STDCPP_DEFAULT_NEW_ALIGNMENT__ >= 16, "the arena starts 16-byte aligned");
+    using Arena = std::vector<std::uint32_t>;
 
-    Trial(unsigned seed, int length) : n(length), rng(seed)
+    Trial(unsigned seed, int length) : n(length), count(length), rng(seed)
     {
-        edgeRate_ = std::array<double, 3>{0.0, 0.1, 0.35}[below(3)];
-        passedRate_ = std::array<double, 4>{0.0, 0.3, 0.7, 1.0}[below(4)];
+        const double edge[] = {0.0, 0.1, 0.35}, passed[] = {0.0, 0.3, 0.7, 1.0};
+        edgeRate_ = edge[below(3)], passedRate_ = passed[below(4)];
+        accept = [this](int, int e, std::uint32_t want, std::uint32_t got) {
+            return fedNaN(e, want, got);
+        };
     }
 
     int below(int k) { return int(rng() % unsigned(k)); }
@@ -302,55 +289,44 @@ public:
         return kind < 8 ? float(below(5) - 2) : uniform(-0.004f, 0.004f);
     }
 
-    int add(int size, Role role)
+    // `planes` planes of `size` values each; the id of the first.
+    PlaneId values(int size, Role role = Role::In, int planes = 1)
     {
-        const int offset = below(4), start = 4 * int(data.size()) + kGuard + offset;
-        data.resize(data.size() + (kGuard + offset + size + kGuard + 3) / 4);
-        planes_.push_back({start, size, role});
-        for (int e = -kGuard; e < size + kGuard; ++e) setWord(int(planes_.size()) - 1, e, rng());
-        return int(planes_.size()) - 1;
+        const PlaneId first{int(planes_.size())};
+        for (int p = 0; p < planes; ++p) {
+            const int start = int(data.size()) + kGuard + below(4);
+            data.resize((start + size + kGuard + 3) / 4 * 4);
+            planes_.push_back({start, size, role});
+            for (int e = -kGuard; e < size + kGuard; ++e)
+                data[start + e] = e >= 0 && e < size ? bitsOf(value()) : std::uint32_t(rng());
+        }
+        return first;
     }
-    PlaneId values(int size, Role role = Role::In)
-    {
-        const int k = add(size, role);
-        for (int e = 0; e < size; ++e) set(k, e, value());
-        return {{k}};
-    }
-    PlaneId triple(Role role = Role::In)
-    {
-        const int k = values(n, role).k;
-        values(n, role), values(n, role);
-        return {{k}};
-    }
-    PlaneId pair()
-    {
-        const int k = values(n).k;
-        values(n);
-        return {{k}};
-    }
-    PlaneId scalar() { return {{values(1, Role::Shared).k}}; }
+    PlaneId shared(int size) { return values(size, Role::Shared); }
+    PlaneId triple(Role role = Role::In) { return values(n, role, 3); }
     PlaneId indices(int size, int lo, int hi)
     {
-        const int k = add(size, Role::Index);
-        for (int e = 0; e < size; ++e) setWord(k, e, std::uint32_t(lo + below(hi - lo)));
-        return {{k}};
+        const PlaneId p = values(size, Role::Index);
+        for (int e = 0; e < size; ++e) setWord(p.k, e, std::uint32_t(lo + below(hi - lo)));
+        return p;
     }
     PlaneId masks()
     {
-        const int k = add(n, Role::Index);
+        const PlaneId p = values(n, Role::Index);
         for (int e = 0; e < n; ++e) {
             const int taking[] = {0, 1, 5, INT_MAX},
                       passed[] = {-1, -2, INT_MIN, -1 - int(rng() >> 1)};
-            setWord(k, e, std::uint32_t(chance(passedRate_) ? passed[below(4)] : taking[below(4)]));
+            setWord(p.k, e,
+                    std::uint32_t(chance(passedRate_) ? passed[below(4)] : taking[below(4)]));
         }
-        return {{k}};
+        return p;
     }
 
-    // Element e of plane k: as set up (value, set, setWord) or as it was before the call (old).
-    float value(int k, int e) const { return floatOf(word(data, k, e)); }
-    void set(int k, int e, float v) { setWord(k, e, wordOf(v)); }
-    void setWord(int k, int e, std::uint32_t w) { std::memcpy(at(data, k, e), &w, 4); }
-    std::uint32_t old(int k, int e) const { return word(before, k, e); }
+    // Element e of plane k: as set up, or as it was before the call (old).
+    float value(int k, int e) const { return floatOf(data[planes_[k].start + e]); }
+    void set(int k, int e, float v) { setWord(k, e, bitsOf(v)); }
+    void setWord(int k, int e, std::uint32_t w) { data[planes_[k].start + e] = w; }
+    std::uint32_t old(int k, int e) const { return before_[planes_[k].start + e]; }
 
     // A NaN result of arithmetic. When two NaNs meet in one instruction, which one survives
     // depends on the operand order the compiler picked, so any NaN this ray was fed (quieted or
@@ -373,55 +349,53 @@ public:
     }
 
     // Calls the library and the model with the same arguments on copies of the arena and
-    // compares every word: filler, inputs and masks bit for bit, results bit for bit or as
-    // `same` allows.
-    template <class Lib, class Ref, class Same, class... Args>
-    std::string run(Lib lib, Ref ref, Same same, const Args&... args)
+    // compares every plane and guard word bit for bit, results as `accept` allows. Then nulls
+    // each plane alone: one in `checked` must give NullPtr at count 5, 0 and below, since
+    // pointers are checked before the count; any other, or none, Ok at counts 0 and below, so
+    // it is not read. Those calls may write nothing.
+    template <class Lib, class Ref, class... Args>
+    std::string run(Lib lib, Ref ref, std::initializer_list<PlaneId> checked, const Args&... args)
     {
-        before = data;
+        before_ = data;
         Arena model = data;
         const vlkStatus want = ref(arg(model, args)...), got = lib(arg(data, args)...);
         if (want != got) return "status " + std::to_string(got) + ", want " + std::to_string(want);
         for (int k = 0; k < int(planes_.size()); ++k)
             for (int e = -kGuard; e < planes_[k].size + kGuard; ++e) {
-                const std::uint32_t w = word(model, k, e), g = word(data, k, e);
-                const bool result = planes_[k].role == Role::Out || planes_[k].role == Role::InOut;
-                if (w == g || (result && e >= 0 && e < planes_[k].size && same(k, e, w, g)))
-                    continue;
+                const std::uint32_t w = model[planes_[k].start + e], g = data[planes_[k].start + e];
+                const Role r = planes_[k].role;
+                const bool result =
+                    (r == Role::Out || r == Role::InOut) && e >= 0 && e < planes_[k].size;
+                if (w == g || (result && accept && accept(k, e, w, g))) continue;
                 char text[64];
                 std::snprintf(text, sizeof text, "plane %d [%d]: %08X, want %08X", k, e,
                               unsigned(g), unsigned(w));
                 return text;
             }
-        return "";
-    }
-
-    // Each plane in `checked`, nulled alone, gives NullPtr at counts 5, 0 and below, since
-    // pointers are checked first; any other plane nulled, or none, gives Ok at counts 0 and
-    // below; nothing is ever written.
-    template <class Fn, class... Args>
-    std::string argumentFaults(Fn fn, std::initializer_list<PlaneId> checked, const Args&... args)
-    {
-        before = data;
-        for (null_ = -1; null_ < int(planes_.size()); ++null_)
+        const Arena settled = data;
+        for (null_ = -1; null_ < int(planes_.size()); ++null_) {
+            bool isChecked = false;
+            for (PlaneId p : checked) isChecked |= p.k == null_;
             for (int len : {5, 0, -1, INT_MIN}) {
-                bool isChecked = false;
-                for (PlaneId p : checked) isChecked |= p.k == null_;
                 if (len > 0 && !isChecked) continue;
-                len_ = len;
-                const vlkStatus got = fn(arg(data, args)...);
-                const bool wrote = std::memcmp(data.data(), before.data(), 16 * data.size()) != 0;
-                if (got != (isChecked ? vlkStatusNullPtr : vlkStatusOk) || wrote)
+                count = len;
+                const vlkStatus status = lib(arg(data, args)...);
+                if (status != (isChecked ? vlkStatusNullPtr : vlkStatusOk) || data != settled)
                     return "plane " + std::to_string(null_) + " null, count " +
-                           std::to_string(len) + ": status " + std::to_string(got) +
-                           (wrote ? ", wrote" : "");
+                           std::to_string(len) + ": status " + std::to_string(status) +
+                           (data != settled ? ", wrote" : "");
             }
+        }
         return "";
     }
 
     const int n;
+    int count;  // what Count stands for; Trial::run sets it for the pointer checks
     std::mt19937 rng;
-    Arena data, before;
+    Arena data;
+    // Which result words may differ from the model's: NaNs the ray was fed unless replaced;
+    // none when empty.
+    std::function<bool(int plane, int e, std::uint32_t want, std::uint32_t got)> accept;
 
 private:
     struct Plane {
@@ -434,64 +408,47 @@ private:
         operator float*() const { return null ? nullptr : p[0]; }
         operator int*() const { return reinterpret_cast<int*>(null ? nullptr : p[0]); }
         operator float* const*() const { return null ? nullptr : p; }
-        operator float() const { return p[0][0]; }
+        operator float() const { return null ? 0.0f : p[0][0]; }  // a scalar has no pointer
     };
 
-    unsigned char* at(const Arena& A, int k, int e) const
-    {
-        return const_cast<unsigned char*>(A.data()->bytes) + 4 * (planes_[k].start + e);
-    }
-    std::uint32_t word(const Arena& A, int k, int e) const
-    {
-        std::uint32_t w;
-        std::memcpy(&w, at(A, k, e), 4);
-        return w;
-    }
     float* floats(Arena& A, int k) const  // null past the last plane and for the one nulled
     {
-        return k == null_ || k >= int(planes_.size()) ? nullptr
-                                                      : reinterpret_cast<float*>(at(A, k, 0));
+        return k == null_ || k >= int(planes_.size())
+                   ? nullptr
+                   : reinterpret_cast<float*>(A.data() + planes_[k].start);
     }
     PlaneArg arg(Arena& A, PlaneId p) const
     {
         return {{floats(A, p.k), floats(A, p.k + 1), floats(A, p.k + 2)}, p.k == null_};
     }
-    int arg(Arena&, Count) const { return len_; }
-    PacketSize arg(Arena&, PacketRows p) const { return {p.width, len_}; }
+    int arg(Arena&, Count) const { return count; }
+    PacketSize arg(Arena&, Rows r) const { return {r.width, count}; }
     template <class T>
-    static T arg(Arena&, T v)  // counts, sizes, block numbers, factors
+    static T arg(Arena&, T v)  // sizes, block numbers, strides
     {
         return v;
     }
 
     std::vector<Plane> planes_;
+    Arena before_;
     double edgeRate_, passedRate_;
-    int null_ = -1, len_ = 0;
+    int null_ = -1;
 };
 
-// Result rules for Trial::run: bits only, or bits with any NaN the ray was fed.
-inline bool exact(int, int, std::uint32_t, std::uint32_t) { return false; }
-inline auto fedNaNs(const Trial& t)
-{
-    return [&t](int, int e, std::uint32_t want, std::uint32_t got) {
-        return t.fedNaN(e, want, got);
-    };
-}
-
-// Runs `body` on fresh trials for every length 0-37, twelve times each; returns the first
-// failure, with the seed and length that reproduce it.
+// Runs `body` on fresh trials at every length 0-37, twelve times each; reports the first
+// failure with the seed, length and repeat that reproduce it.
 template <class Body>
-std::string everyLength(unsigned seed, Body body)
+void everyLength(unsigned seed, Body body)
 {
     for (int n = 0; n <= 37; ++n)
         for (int rep = 0; rep < 12; ++rep) {
             Trial t(seed * 7919u + unsigned(n) * 131u + unsigned(rep), n);
             const std::string fault = body(t);
-            if (!fault.empty())
-                return "seed " + std::to_string(seed) + " length " + std::to_string(n) +
-                       " repeat " + std::to_string(rep) + ": " + fault;
+            if (fault.empty()) continue;
+            ADD_FAILURE() << "seed " << seed << " length " << n << " repeat " << rep << ": "
+                          << fault;
+            return;
         }
-    return "";
 }
 
 }  // namespace vlkr::reference
