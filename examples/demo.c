@@ -1,176 +1,137 @@
-/* Demo: renders a built-in scene with vlkr (box, records, k-d tree, eye rays, shadows) and
- * writes the picture to vlkr_demo.ppm, or to the path given as the first argument. */
+/* Demo: renders a built-in scene through vlkr, from the scene box to the lit colour of every
+ * pixel, and writes the picture to vlkr_demo.ppm (or to the path given as first argument). */
 #include <math.h>
 #include <stdio.h>
 #include <stdlib.h>
 
 #include "vlkr.h"
 
-enum { kWidth = 640, kHeight = 480, kStacks = 24, kSlices = 48 };
+enum { W = 640, H = 480, kStacks = 24, kSlices = 48, kMaxTris = 10 + 2 * kStacks * kSlices };
 
-typedef struct Mesh {
-    float* vertices;
-    int* triangles;
-    int vertexCount, triangleCount;
-} Mesh;
+static float vertices[3 * (10 + (kStacks + 1) * kSlices)];
+static int triangles[4 * kMaxTris], vertexCount, triangleCount;
 
-static int addVertex(Mesh* m, float x, float y, float z)
+static int vertex(float x, float y, float z)
 {
-    float* v = m->vertices + 3 * m->vertexCount;
+    float* v = vertices + 3 * vertexCount;
     v[0] = x, v[1] = y, v[2] = z;
-    return m->vertexCount++;
+    return vertexCount++;
 }
 
-static void addTriangle(Mesh* m, int a, int b, int c)
+static void triangle(int a, int b, int c)
 {
-    int* t = m->triangles + 4 * m->triangleCount++;
+    int* t = triangles + 4 * triangleCount++;
     t[0] = a, t[1] = b, t[2] = c, t[3] = 0;
 }
 
-/* A ground quad, a sphere and an octahedron resting on the ground. */
-static int buildScene(Mesh* m)
+/* A ground quad (triangles 0-1), an octahedron (2-9) and a sphere (the rest). */
+static void buildScene(void)
 {
-    m->vertices = malloc(sizeof(float) * 3 * (4 + 6 + (kStacks + 1) * kSlices));
-    m->triangles = malloc(sizeof(int) * 4 * (2 + 8 + 2 * kStacks * kSlices));
-    if (!m->vertices || !m->triangles) return 0;
-    m->vertexCount = m->triangleCount = 0;
-    int g = addVertex(m, -6, 0, -6);
-    addVertex(m, 6, 0, -6), addVertex(m, 6, 0, 6), addVertex(m, -6, 0, 6);
-    addTriangle(m, g, g + 2, g + 1), addTriangle(m, g, g + 3, g + 2);
-
-    int o = addVertex(m, 2.2f, 0.0f, 0.5f);
-    addVertex(m, 3.2f, 1.0f, 0.5f), addVertex(m, 2.2f, 1.0f, 1.5f), addVertex(m, 1.2f, 1.0f, 0.5f);
-    addVertex(m, 2.2f, 1.0f, -0.5f), addVertex(m, 2.2f, 2.0f, 0.5f);
+    int g = vertex(-6, 0, -6), o, s;
+    vertex(6, 0, -6), vertex(6, 0, 6), vertex(-6, 0, 6);
+    triangle(g, g + 2, g + 1), triangle(g, g + 3, g + 2);
+    o = vertex(2.2f, 0, 0.5f);
+    vertex(3.2f, 1, 0.5f), vertex(2.2f, 1, 1.5f), vertex(1.2f, 1, 0.5f), vertex(2.2f, 1, -0.5f);
+    vertex(2.2f, 2, 0.5f);
     for (int k = 0; k < 4; ++k) {
-        addTriangle(m, o, o + 1 + k, o + 1 + (k + 1) % 4);
-        addTriangle(m, o + 5, o + 1 + (k + 1) % 4, o + 1 + k);
+        triangle(o, o + 1 + k, o + 1 + (k + 1) % 4);
+        triangle(o + 5, o + 1 + (k + 1) % 4, o + 1 + k);
     }
-
-    int s = m->vertexCount;
+    s = vertexCount;
     for (int i = 0; i <= kStacks; ++i)
         for (int j = 0; j < kSlices; ++j) {
             double th = 3.14159265358979 * i / kStacks, ph = 6.28318530717959 * j / kSlices;
-            addVertex(m, (float)(-1.0 + 1.5 * sin(th) * cos(ph)), (float)(1.5 + 1.5 * cos(th)),
-                      (float)(0.5 + 1.5 * sin(th) * sin(ph)));
+            vertex((float)(-1 + 1.5 * sin(th) * cos(ph)), (float)(1.5 + 1.5 * cos(th)),
+                   (float)(0.5 + 1.5 * sin(th) * sin(ph)));
         }
     for (int i = 0; i < kStacks; ++i)
         for (int j = 0; j < kSlices; ++j) {
             int a = s + i * kSlices + j, b = s + i * kSlices + (j + 1) % kSlices;
-            if (i != 0) addTriangle(m, a, b, a + kSlices);
-            if (i != kStacks - 1) addTriangle(m, b, b + kSlices, a + kSlices);
+            if (i != 0) triangle(a, b, a + kSlices);
+            if (i != kStacks - 1) triangle(b, b + kSlices, a + kSlices);
         }
-    return 1;
 }
 
-static int check(vlkStatus status, const char* what)
-{
-    if (status != vlkStatusOk) fprintf(stderr, "%s failed with status %d\n", what, status);
-    return status == vlkStatusOk;
-}
+#define CHECK(call)                                                            \
+    do {                                                                       \
+        vlkStatus st_ = (call);                                                \
+        if (st_ < 0) {                                                         \
+            fprintf(stderr, "%s failed with status %d\n", #call, (int)st_);    \
+            return 1;                                                          \
+        }                                                                      \
+    } while (0)
 
-/* Unit normal of triangle t, turned towards the viewer. */
-static void faceNormal(const Mesh* m, int t, const float view[3], float n[3])
-{
-    const float* a = m->vertices + 3 * m->triangles[4 * t];
-    const float* b = m->vertices + 3 * m->triangles[4 * t + 1];
-    const float* c = m->vertices + 3 * m->triangles[4 * t + 2];
-    float e1[3] = {a[0] - c[0], a[1] - c[1], a[2] - c[2]};
-    float e2[3] = {b[0] - c[0], b[1] - c[1], b[2] - c[2]};
-    n[0] = e1[1] * e2[2] - e1[2] * e2[1];
-    n[1] = e1[2] * e2[0] - e1[0] * e2[2];
-    n[2] = e1[0] * e2[1] - e1[1] * e2[0];
-    float len = sqrtf(n[0] * n[0] + n[1] * n[1] + n[2] * n[2]);
-    float sign = (n[0] * view[0] + n[1] * view[1] + n[2] * view[2]) > 0 ? -1.0f : 1.0f;
-    for (int k = 0; k < 3; ++k) n[k] *= sign / len;
-}
+static float planes[17][W * H]; /* per-pixel arrays, one plane each */
+static int tri[W * H], mask[W * H], occluder[W * H];
+static float triNormals[3 * kMaxTris];
 
 int main(int argc, char** argv)
 {
-    const char* path = argc > 1 ? argv[1] : "vlkr_demo.ppm";
     const LibVersion* v = vlkrGetLibVersion();
     printf("%s %s, built %s\n", v->name, v->version, v->buildDate);
+    buildScene();
 
-    Mesh m;
-    if (!buildScene(&m)) return 1;
+    /* Once per scene: box, triangle records, tree, triangle normals. */
     float box[6];
-    int recordSize = 0, treeSize = 0;
     KDTreeNode* tree = NULL;
-    const KDTreeBuildContext params = {KDTreeBuildSAH, 50, 1.0f, 64, NULL};
-    if (!check(vlkrSetBoundBox_32f(m.vertices, m.vertexCount, box), "box") ||
-        !check(vlkrTriangleAccelGetSize(&recordSize), "record size"))
-        return 1;
-    TriangleAccel* accel = malloc((size_t)recordSize * m.triangleCount);
-    if (!accel || !check(vlkrTriangleAccelInit(accel, m.vertices, m.triangles, m.triangleCount),
-                         "records") ||
-        !check(vlkrKDTreeBuildAlloc(&tree, m.vertices, m.triangles, m.vertexCount,
-                                    m.triangleCount, &treeSize, &params),
-               "tree"))
-        return 1;
-    printf("%d triangles, tree of %d bytes\n", m.triangleCount, treeSize);
+    int treeSize = 0;
+    const KDTreeBuildContext build = {KDTreeBuildSAH, 50, 1.0f, 64, NULL};
+    TriangleAccel* accel = malloc(sizeof(TriangleAccel) * (size_t)triangleCount);
+    if (!accel) return 1;
+    CHECK(vlkrSetBoundBox_32f(vertices, vertexCount, box));
+    CHECK(vlkrTriangleAccelInit(accel, vertices, triangles, triangleCount));
+    CHECK(vlkrKDTreeBuildAlloc(&tree, vertices, triangles, vertexCount, triangleCount, &treeSize, &build));
+    CHECK(vlkrTriangleNormal_32f(vertices, triangles, triNormals, triangleCount));
+    printf("%d triangles, tree of %d bytes\n", triangleCount, treeSize);
 
-    /* Eye rays of a pinhole camera, one packet for the whole picture. */
-    const size_t n = (size_t)kWidth * kHeight;
-    float* buf = malloc(sizeof(float) * n * 9);
-    int* tri = malloc(sizeof(int) * n * 2);
-    unsigned char* rgb = malloc(n * 3);
-    if (!buf || !tri || !rgb) return 1;
-    float *dx = buf, *dy = buf + n, *dz = buf + 2 * n, *dist = buf + 3 * n, *u = buf + 4 * n;
-    float *w = buf + 5 * n, *sx = buf + 6 * n, *sy = buf + 7 * n, *sz = buf + 8 * n;
-    int *hitTri = tri, *mask = tri + n;
-    const float eye[3] = {0.5f, 4.0f, -9.5f}, light[3] = {-4.0f, 9.0f, -5.0f};
-    for (int y = 0; y < kHeight; ++y)
-        for (int x = 0; x < kWidth; ++x) {
-            size_t i = (size_t)y * kWidth + x;
-            dx[i] = (x + 0.5f - kWidth / 2) / kWidth;
-            dy[i] = -0.32f - (y + 0.5f - kHeight / 2) / kWidth;
-            dz[i] = 1.0f;
-            dist[i] = 1e30f;
-        }
-    const float* dir[3] = {dx, dy, dz};
-    float* hit[2] = {u, w};
+    float *dir[3] = {planes[0], planes[1], planes[2]}, *dist = planes[3], *u = planes[4];
+    float *w = planes[5], *hitp[3] = {planes[6], planes[7], planes[8]};
+    float *n[3] = {planes[9], planes[10], planes[11]}, *facing = planes[12], *cosine = planes[13];
+    float *shadow[3] = {planes[14], planes[15], planes[16]}, *rgb[3] = {u, w, dist};
+    float *bary[2] = {u, w}, albedo[4][3] = {{0.9f, 0.9f, 0.85f}, {1, 0.55f, 0.3f}, {0.45f, 0.7f, 1}, {0.6f, 0.75f, 1}};
+    const float eye[3] = {0.5f, 4.0f, -9.5f}, light[3] = {-4, 9, -5}, sun[3] = {60, 60, 60};
+    const float corner[3] = {-0.5f, 0.055f, 1}, col[3] = {1.0f / W, 0, 0}, row[3] = {0, -1.0f / W, 0};
+    const PacketSize frame = {W, H};
     const IntersectContext ctx = {box, accel, tree};
-    const PacketSize block = {kWidth, kHeight};
-    if (!check(vlkrIntersectEyeSO_32f(eye, dir, dist, hit, hitTri, &ctx, block), "eye rays"))
-        return 1;
 
-    /* Shadow rays from the light to the hit points, pulled slightly towards the eye. */
-    for (size_t i = 0; i < n; ++i) {
-        float t = hitTri[i] >= 0 ? 0.999f * dist[i] : 0.0f;
-        mask[i] = hitTri[i] >= 0 ? 0 : -1;
-        sx[i] = eye[0] + dx[i] * t - light[0];
-        sy[i] = eye[1] + dy[i] * t - light[1];
-        sz[i] = eye[2] + dz[i] * t - light[2];
-    }
-    const float* shadowDir[3] = {sx, sy, sz};
-    int* occluder = (int*)w; /* the barycentric weights are no longer needed */
-    if (!check(vlkrIntersectAnySO_32f(light, shadowDir, occluder, mask, block, &ctx), "shadows"))
-        return 1;
+    /* Eye rays and their nearest hits. */
+    CHECK(vlkrCastEye_32f(corner, col, row, 0, 0, frame, dir, frame));
+    for (int i = 0; i < W * H; ++i) dist[i] = 1e30f;
+    CHECK(vlkrIntersectEyeSO_32f(eye, (const float* const*)dir, dist, bary, tri, &ctx, frame));
+    for (int i = 0; i < W * H; ++i) mask[i] = tri[i] >= 0 ? 0 : -1;
 
-    for (size_t i = 0; i < n; ++i) {
-        float shade = 0.25f + 0.1f * (1.0f - (float)(i / kWidth) / kHeight); /* sky */
-        if (hitTri[i] >= 0) {
-            float nrm[3], d[3] = {dx[i], dy[i], dz[i]}, l[3] = {-sx[i], -sy[i], -sz[i]};
-            faceNormal(&m, hitTri[i], d, nrm);
-            float ll = sqrtf(l[0] * l[0] + l[1] * l[1] + l[2] * l[2]);
-            float lambert = (nrm[0] * l[0] + nrm[1] * l[1] + nrm[2] * l[2]) / ll;
-            shade = 0.12f + (mask[i] >= 0 && lambert > 0 ? 0.85f * lambert : 0.0f);
-        }
-        int tint = hitTri[i] < 0 ? 0 : hitTri[i] < 2 ? 1 : hitTri[i] < 10 ? 2 : 3;
-        static const float kTint[4][3] = {{0.6f, 0.75f, 1.0f}, {0.9f, 0.9f, 0.85f},
-                                          {1.0f, 0.55f, 0.3f}, {0.45f, 0.7f, 1.0f}};
+    /* Hit points just in front of the surface, normals facing the eye, shadow rays. */
+    CHECK(vlkrHitPoint3DEpsS0_32f_M(eye, (const float* const*)dir, dist, mask, hitp, W * H, 0.999f));
+    CHECK(vlkrSurfFlatNormal_32f(triNormals, tri, n, W * H));
+    CHECK(vlkrDotChangeNorm_32f_IM((const float* const*)dir, mask, n, facing, W * H));
+    CHECK(vlkrCastShadowSO_32f(light, facing, (const float* const*)n, (const float* const*)hitp, mask,
+                               cosine, shadow, W * H));
+    CHECK(vlkrIntersectAnySO_32f(light, (const float* const*)shadow, occluder, mask, frame, &ctx));
+
+    /* Lambert over the squared distance: |n . v| / d^3 with v of length d. */
+    CHECK(vlkrDistAttenuationSO_32f_M(light, (const float* const*)hitp, mask, dist, W * H));
+    for (int k = 0; k < 3; ++k) CHECK(vlkrDiv_32f_C1IM(dist, mask, cosine, W * H));
+
+    /* Colour: ambient, plus the light for pixels that are lit. */
+    float* albedoPlanes[3] = {n[0], n[1], n[2]};
+    for (int i = 0; i < W * H; ++i) {
+        int kind = tri[i] < 0 ? 3 : tri[i] < 2 ? 0 : tri[i] < 10 ? 1 : 2;
         for (int c = 0; c < 3; ++c) {
-            float value = shade * kTint[tint][c];
-            rgb[3 * i + c] = (unsigned char)(value > 1.0f ? 255 : value * 255.0f);
+            albedoPlanes[c][i] = kind == 3 ? 0 : albedo[kind][c];
+            const float sky = 0.4f - 0.15f * (float)(i / W) / H;
+            rgb[c][i] = albedo[kind][c] * (kind == 3 ? sky : 0.12f);
         }
     }
-    FILE* f = fopen(path, "wb");
-    if (!f) return 1;
-    fprintf(f, "P6\n%d %d\n255\n", kWidth, kHeight);
-    fwrite(rgb, 1, n * 3, f);
-    fclose(f);
-    printf("wrote %s (%dx%d)\n", path, kWidth, kHeight);
+    CHECK(vlkrAddMulMul_32f_AC1P3IM(sun, cosine, (const float* const*)albedoPlanes, mask, rgb, W * H));
 
+    FILE* f = fopen(argc > 1 ? argv[1] : "vlkr_demo.ppm", "wb");
+    if (!f) return 1;
+    fprintf(f, "P6\n%d %d\n255\n", W, H);
+    for (int i = 0; i < W * H; ++i)
+        for (int c = 0; c < 3; ++c) fputc(rgb[c][i] >= 1 ? 255 : (int)(rgb[c][i] * 255), f);
+    fclose(f);
+    printf("wrote %s (%dx%d)\n", argc > 1 ? argv[1] : "vlkr_demo.ppm", W, H);
     vlkrKDTreeFree(tree);
-    free(rgb), free(tri), free(buf), free(accel), free(m.triangles), free(m.vertices);
+    free(accel);
     return 0;
 }
