@@ -1,9 +1,9 @@
 // Intersection queries against brute force: exactly through the one-leaf tree, and in what
 // they find through SAH trees; misses, masks, layers and degenerate blocks.
+#include <algorithm>
 #include <cfloat>
-#include <cmath>
-#include <cstring>
 #include <random>
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -15,195 +15,136 @@
 namespace {
 
 using vlkr::reference::RefHit;
+using vlkr::reference::scan;
 using vlkr::test::bitsOf;
 using vlkr::test::Mesh;
+using vlkr::test::Scene;
 
 constexpr float kUnset = -123.0f;  // what untouched outputs keep
 
-// A mesh with its records and a tree, ready to intersect.
-class Scene {
-public:
-    Scene(Mesh mesh, unsigned mode) : mesh_(std::move(mesh))
-    {
-        accel_.resize(mesh_.triangleCount());
-        vlkrTriangleAccelInit(accel_.data(), mesh_.vertices.data(), mesh_.triangles.data(),
-                              mesh_.triangleCount());
-        vlkrSetBoundBox_32f(mesh_.vertices.data(), mesh_.vertexCount(), box_);
-        const KDTreeBuildContext p{mode, 50, 1.0f, 256, nullptr};
-        int size = 0;
-        EXPECT_EQ(vlkrKDTreeBuildAlloc(&tree_, mesh_.vertices.data(), mesh_.triangles.data(),
-                                       mesh_.vertexCount(), mesh_.triangleCount(), &size, &p),
-                  vlkStatusOk);
-        ctx_ = IntersectContext{box_, accel_.data(), tree_};
-    }
-    ~Scene() { vlkrKDTreeFree(tree_); }
-    const IntersectContext* ctx() const { return &ctx_; }
-    const float* box() const { return box_; }
-    const std::vector<TriangleAccel>& accel() const { return accel_; }
-
-private:
-    Mesh mesh_;
-    std::vector<TriangleAccel> accel_;
-    float box_[6];
-    KDTreeNode* tree_ = nullptr;
-    IntersectContext ctx_;
-};
-
-// Planar rays and result arrays for a width x height block.
+// A block of rays with per-ray origins, and `layers` planes of results.
 struct Rays {
-    int width, height;
-    std::vector<float> dx, dy, dz, ox, oy, oz, dist, p, q;
+    PacketSize block;
+    int layers;
+    std::vector<float> d[3], o[3], dist, p, q;
     std::vector<int> tri, mask;
-    Rays(int w, int h) : width(w), height(h)
+    Rays(int w, int h, int l = 1) : block{w, h}, layers(l)
     {
         const std::size_t n = std::size_t(w) * h;
-        for (auto* v : {&dx, &dy, &dz, &ox, &oy, &oz, &dist, &p, &q}) v->assign(n, 0.0f);
-        tri.assign(n, 7);
+        for (int k = 0; k < 3; ++k) d[k].assign(n, 0.0f), o[k].assign(n, 0.0f);
+        for (auto* v : {&dist, &p, &q}) v->assign(n * l, kUnset);
+        tri.assign(n * l, 7);
         mask.assign(n, 0);
-        std::fill(p.begin(), p.end(), kUnset);
-        std::fill(q.begin(), q.end(), kUnset);
     }
-    std::size_t size() const { return dx.size(); }
+    std::size_t size() const { return d[0].size(); }
     const float* dir[3] = {};
-    float* hit[2] = {};
     const float* orig[3] = {};
-    void bind()
+    float* hit[2] = {};
+    Rays& bind()
     {
-        dir[0] = dx.data(), dir[1] = dy.data(), dir[2] = dz.data();
+        for (int k = 0; k < 3; ++k) dir[k] = d[k].data(), orig[k] = o[k].data();
         hit[0] = p.data(), hit[1] = q.data();
-        orig[0] = ox.data(), orig[1] = oy.data(), orig[2] = oz.data();
+        return *this;
     }
-    PacketSize block() const { return PacketSize{width, height}; }
+    vlkStatus eye(const float* e, const Scene& s)
+    {
+        bind();
+        return e ? vlkrIntersectEyeSO_32f(e, dir, dist.data(), hit, tri.data(), &s.ctx, block)
+                 : vlkrIntersectMO_32f(orig, dir, dist.data(), hit, tri.data(), &s.ctx, block);
+    }
+    vlkStatus any(const float from[3], const Scene& s)
+    {
+        return vlkrIntersectAnySO_32f(from, bind().dir, tri.data(), mask.data(), block, &s.ctx);
+    }
+    vlkStatus multiple(const float e[3], const Scene& s)
+    {
+        const VolumeSize v{block.width, block.height, layers};
+        return vlkrIntersectMultipleSO_32f(e, bind().dir, dist.data(), hit, tri.data(), &v, &s.ctx);
+    }
 };
 
-// Eye rays from `eye` through random points of the box grown by half, so some miss; a few
-// have zero direction components, and some are cut short by a small distance.
-Rays randomRays(std::mt19937& rng, const float eye[3], const float box[6], int w, int h)
+// Rays from `eye` through random points of the box grown by half, so some miss, or with a null
+// eye from random points of [-8, 8]^3 in random directions. A few have zero or tiny direction
+// components, and some are cut short by a small, a zero or a negative distance.
+Rays randomRays(std::mt19937& rng, const float* eye, const float box[6], int w, int h,
+                int layers = 1)
 {
-    Rays r(w, h);
-    std::uniform_real_distribution<float> unit(-0.25f, 1.25f), len(0.0f, 1.0f);
+    Rays r(w, h, layers);
+    std::uniform_real_distribution<float> unit(-0.25f, 1.25f), len(0, 1), pos(-8, 8), dirc(-1, 1);
     for (std::size_t i = 0; i < r.size(); ++i) {
-        float target[3];
-        for (int k = 0; k < 3; ++k) target[k] = box[k] + unit(rng) * (box[3 + k] - box[k]);
-        float d[3] = {target[0] - eye[0], target[1] - eye[1], target[2] - eye[2]};
-        if (i % 17 == 3) d[i % 3] = 0.0f;
-        r.dx[i] = d[0], r.dy[i] = d[1], r.dz[i] = d[2];
-        r.ox[i] = eye[0], r.oy[i] = eye[1], r.oz[i] = eye[2];
-        r.dist[i] = i % 11 == 5 ? len(rng) : FLT_MAX;
+        for (int k = 0; k < 3; ++k) {
+            r.o[k][i] = eye ? eye[k] : pos(rng);
+            r.d[k][i] = eye ? box[k] + unit(rng) * (box[3 + k] - box[k]) - eye[k] : dirc(rng);
+        }
+        if (i % 17 == 3) r.d[i % 3][i] = 0.0f;
+        if (i % 29 == 0) r.d[1][i] = 1e-8f;
+        r.dist[i] = i % 11 == 5 ? len(rng) : i % 13 == 7 ? (i % 2 ? 0.0f : -1.0f) : FLT_MAX;
     }
     return r;
 }
 
 Mesh testSoup(std::mt19937& rng, int n) { return vlkr::test::randomSoup(rng, n, 5.0f); }
 
-void expectSameHit(const Rays& r, std::size_t i, const RefHit& want, float distIn)
-{
-    ASSERT_EQ(r.tri[i], want.tri) << "ray " << i;
-    if (want.hit) {
-        EXPECT_EQ(bitsOf(r.dist[i]), bitsOf(want.t)) << "ray " << i;
-        EXPECT_EQ(bitsOf(r.p[i]), bitsOf(want.p)) << "ray " << i;
-        EXPECT_EQ(bitsOf(r.q[i]), bitsOf(want.q)) << "ray " << i;
-    } else {
-        EXPECT_EQ(bitsOf(r.dist[i]), bitsOf(distIn)) << "a miss keeps its distance, ray " << i;
-        EXPECT_EQ(r.p[i], kUnset);
-        EXPECT_EQ(r.q[i], kUnset);
-    }
-}
-
 // ------------------------------------------------------------------ nearest hit
 
-TEST(IntersectNearest, OneLeafTreeMatchesBruteForceExactly)
+// Every ray's triangle, distance and weights, in every layer, are the same in a and b.
+void expectSameBits(const Rays& a, const Rays& b, const std::string& what)
 {
+    for (std::size_t i = 0; i < a.tri.size(); ++i) {
+        ASSERT_EQ(a.tri[i], b.tri[i]) << what << ", element " << i;
+        EXPECT_EQ(bitsOf(a.dist[i]), bitsOf(b.dist[i])) << what << ", element " << i;
+        EXPECT_EQ(bitsOf(a.p[i]), bitsOf(b.p[i])) << what << ", element " << i;
+        EXPECT_EQ(bitsOf(a.q[i]), bitsOf(b.q[i])) << what << ", element " << i;
+    }
+}
+
+TEST(IntersectNearest, MatchesBruteForce)
+{
+    // Eye rays, or with perRay rays from origins inside and outside the mesh. Through the
+    // one-leaf tree the hits are exact; through a SAH tree two triangles at exactly the same
+    // distance may come in either order. Eye rays share a walk in fours; the same rays with
+    // the origin given per ray, or as one layer, walk one by one and give the same bits.
     std::mt19937 rng(101);
-    const Scene s(testSoup(rng, 300), KDTreeBuildSimple);
-    const float eye[3] = {1.0f, -2.0f, -30.0f};
-    Rays r = randomRays(rng, eye, s.box(), 37, 29);
-    r.bind();
-    const std::vector<float> distIn = r.dist;
-    ASSERT_EQ(vlkrIntersectEyeSO_32f(eye, r.dir, r.dist.data(), r.hit, r.tri.data(), s.ctx(),
-                                     r.block()),
-              vlkStatusOk);
-    int hits = 0;
-    for (std::size_t i = 0; i < r.size(); ++i) {
-        const float d[3] = {r.dx[i], r.dy[i], r.dz[i]};
-        const RefHit want = vlkr::reference::nearest(s.box(), s.accel(), eye, d, distIn[i]);
-        expectSameHit(r, i, want, distIn[i]);
-        hits += want.hit;
-    }
-    EXPECT_GT(hits, int(r.size()) / 4);
-    EXPECT_LT(hits, int(r.size()));
-}
-
-TEST(IntersectNearest, SahTreeFindsTheSameHits)
-{
-    std::mt19937 rng(202);
-    Mesh meshes[] = {testSoup(rng, 3000), vlkr::test::randomTerrain(rng, 30),
-                     vlkr::test::sphere(20, 40), vlkr::test::axisAlignedFlats(rng, 800)};
-    for (Mesh& m : meshes) {
-        const Scene s(m, KDTreeBuildSAH);
-        const float eye[3] = {s.box()[3] + 7.0f, s.box()[4] + 3.0f, s.box()[2] - 9.0f};
-        Rays r = randomRays(rng, eye, s.box(), 64, 48);
-    r.bind();
-        const std::vector<float> distIn = r.dist;
-        vlkrIntersectEyeSO_32f(eye, r.dir, r.dist.data(), r.hit, r.tri.data(), s.ctx(),
-                               r.block());
+    const struct {
+        Mesh mesh;
+        unsigned mode;
+        bool perRay;
+    } cases[] = {{testSoup(rng, 300), KDTreeBuildSimple, false},
+                 {testSoup(rng, 2000), KDTreeBuildSAH, false},
+                 {vlkr::test::randomTerrain(rng, 30), KDTreeBuildSAH, false},
+                 {vlkr::test::sphere(20, 40), KDTreeBuildSAH, false},
+                 {vlkr::test::axisAlignedFlats(rng, 800), KDTreeBuildSAH, false},
+                 {testSoup(rng, 1500), KDTreeBuildSimple, true},
+                 {testSoup(rng, 1500), KDTreeBuildSAH, true}};
+    for (const auto& c : cases) {
+        const Scene s(c.mesh, c.mode);
+        const float eye[3] = {s.box[3] + 7.0f, s.box[4] + 3.0f, s.box[2] - 9.0f};
+        Rays r = c.perRay ? randomRays(rng, nullptr, s.box, 40, 40)
+                          : randomRays(rng, eye, s.box, 61, 47);
+        Rays want = r, perRay = r, layer = r;
+        ASSERT_EQ(r.eye(c.perRay ? nullptr : eye, s), vlkStatusOk);
+        int hits = 0;
         for (std::size_t i = 0; i < r.size(); ++i) {
-            const float d[3] = {r.dx[i], r.dy[i], r.dz[i]};
-            const RefHit want = vlkr::reference::nearest(s.box(), s.accel(), eye, d, distIn[i]);
-            // Two triangles at exactly the same distance may come in either order.
-            if (want.hit && r.tri[i] != want.tri && r.dist[i] == want.t) continue;
-            expectSameHit(r, i, want, distIn[i]);
+            const float o[3] = {r.o[0][i], r.o[1][i], r.o[2][i]};
+            const float d[3] = {r.d[0][i], r.d[1][i], r.d[2][i]};
+            RefHit h;
+            if (vlkr::reference::boxSegment(s.box, o, d, want.dist[i]))
+                h = scan(s.accel, o, d, want.dist[i]);
+            if (c.mode == KDTreeBuildSAH && h.hit && r.tri[i] != h.tri && r.dist[i] == h.t)
+                h = {true, h.t, r.p[i], r.q[i], r.tri[i]};  // a tie
+            hits += h.hit;
+            want.tri[i] = h.tri;
+            if (h.hit) want.dist[i] = h.t, want.p[i] = h.p, want.q[i] = h.q;
         }
+        expectSameBits(r, want, "brute force");
+        EXPECT_GT(hits, int(r.size()) / 8);
+        EXPECT_LT(hits, int(r.size()));
+        if (c.perRay) continue;
+        perRay.eye(nullptr, s);
+        expectSameBits(perRay, r, "per-ray origins");
+        layer.multiple(eye, s);
+        expectSameBits(layer, r, "one layer");
     }
-}
-
-TEST(IntersectNearest, PerRayOriginsMatchBruteForce)
-{
-    std::mt19937 rng(303);
-    for (unsigned mode : {KDTreeBuildSimple, KDTreeBuildSAH}) {
-        const Scene s(testSoup(rng, 1500), mode);
-        Rays r(40, 40);
-        std::uniform_real_distribution<float> pos(-8.0f, 8.0f), dirc(-1.0f, 1.0f);
-        for (std::size_t i = 0; i < r.size(); ++i) {
-            r.ox[i] = pos(rng), r.oy[i] = pos(rng), r.oz[i] = pos(rng);  // inside and outside
-            r.dx[i] = dirc(rng), r.dy[i] = dirc(rng), r.dz[i] = dirc(rng);
-            r.dist[i] = FLT_MAX;
-        }
-        r.bind();
-        ASSERT_EQ(vlkrIntersectMO_32f(r.orig, r.dir, r.dist.data(), r.hit, r.tri.data(), s.ctx(),
-                                      r.block()),
-                  vlkStatusOk);
-        for (std::size_t i = 0; i < r.size(); ++i) {
-            const float o[3] = {r.ox[i], r.oy[i], r.oz[i]}, d[3] = {r.dx[i], r.dy[i], r.dz[i]};
-            const RefHit want = vlkr::reference::nearest(s.box(), s.accel(), o, d, FLT_MAX);
-            if (want.hit && r.tri[i] != want.tri && r.dist[i] == want.t) continue;
-            expectSameHit(r, i, want, FLT_MAX);
-        }
-    }
-}
-
-TEST(IntersectNearest, SharedOriginEqualsPerRayOriginsBitForBit)
-{
-    // One origin lets rays share a walk in fours; the same rays with the origin given per ray
-    // walk one by one. Both must give every ray the same triangle, distance and weights.
-    std::mt19937 rng(321);
-    const Scene s(vlkr::test::sphere(40, 80), KDTreeBuildSAH);
-    const float eye[3] = {1.0f, 2.0f, -9.0f};
-    Rays a = randomRays(rng, eye, s.box(), 64, 64);
-    Rays b = a;
-    a.bind();
-    b.bind();
-    vlkrIntersectEyeSO_32f(eye, a.dir, a.dist.data(), a.hit, a.tri.data(), s.ctx(), a.block());
-    vlkrIntersectMO_32f(b.orig, b.dir, b.dist.data(), b.hit, b.tri.data(), s.ctx(), b.block());
-    int hits = 0;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        ASSERT_EQ(a.tri[i], b.tri[i]) << i;
-        EXPECT_EQ(bitsOf(a.dist[i]), bitsOf(b.dist[i])) << i;
-        EXPECT_EQ(bitsOf(a.p[i]), bitsOf(b.p[i])) << i;
-        EXPECT_EQ(bitsOf(a.q[i]), bitsOf(b.q[i])) << i;
-        hits += a.tri[i] >= 0;
-    }
-    EXPECT_GT(hits, 500);
 }
 
 TEST(IntersectNearest, EdgesAndCornersCount)
@@ -215,53 +156,17 @@ TEST(IntersectNearest, EdgesAndCornersCount)
     m.triangles = {0, 1, 2, 0, 0, 2, 3, 0};
     const Scene s(m, KDTreeBuildSimple);
     const float targets[][2] = {{0.5f, 0.5f}, {0.0f, 0.0f}, {1.0f, 0.25f}, {0.25f, 0.75f}};
+    Rays r(4, 1);
     for (int i = 0; i < 4; ++i) {
-        const float eye[3] = {targets[i][0], targets[i][1], 2.0f};
-        Rays one(1, 1);
-        one.dz[0] = -1;
-        one.dist[0] = FLT_MAX;
-        one.bind();
-        vlkrIntersectEyeSO_32f(eye, one.dir, one.dist.data(), one.hit, one.tri.data(), s.ctx(),
-                               one.block());
-        EXPECT_EQ(one.tri[0], i == 3 ? 1 : 0) << i;
-        EXPECT_EQ(one.dist[0], 2.0f) << i;
+        r.o[0][i] = targets[i][0], r.o[1][i] = targets[i][1], r.o[2][i] = 2.0f;
+        r.d[2][i] = -1.0f, r.dist[i] = FLT_MAX;
     }
+    ASSERT_EQ(r.eye(nullptr, s), vlkStatusOk);
+    EXPECT_EQ(r.tri, (std::vector<int>{0, 0, 0, 1}));
+    EXPECT_EQ(r.dist, std::vector<float>(4, 2.0f));
 }
 
-TEST(IntersectNearest, NonPositiveDistanceNeverHits)
-{
-    std::mt19937 rng(9);
-    const Scene s(testSoup(rng, 200), KDTreeBuildSAH);
-    const float eye[3] = {0, 0, -30};
-    Rays r = randomRays(rng, eye, s.box(), 16, 16);
-    r.bind();
-    for (std::size_t i = 0; i < r.size(); ++i) r.dist[i] = i % 2 ? 0.0f : -1.0f;
-    vlkrIntersectEyeSO_32f(eye, r.dir, r.dist.data(), r.hit, r.tri.data(), s.ctx(), r.block());
-    for (std::size_t i = 0; i < r.size(); ++i) {
-        EXPECT_EQ(r.tri[i], -1);
-        EXPECT_EQ(r.dist[i], i % 2 ? 0.0f : -1.0f);
-    }
-}
-
-TEST(IntersectNearest, DegenerateBlocksWriteNothing)
-{
-    std::mt19937 rng(10);
-    const Scene s(testSoup(rng, 50), KDTreeBuildSAH);
-    const float eye[3] = {0, 0, -30};
-    Rays r = randomRays(rng, eye, s.box(), 8, 8);
-    r.bind();
-    for (PacketSize b : {PacketSize{8, 0}, PacketSize{8, -3}, PacketSize{0, 8}, PacketSize{-2, 8}}) {
-        EXPECT_EQ(vlkrIntersectEyeSO_32f(eye, r.dir, r.dist.data(), r.hit, r.tri.data(), s.ctx(), b),
-                  vlkStatusOk);
-        EXPECT_EQ(vlkrIntersectMO_32f(r.orig, r.dir, r.dist.data(), r.hit, r.tri.data(), s.ctx(), b),
-                  vlkStatusOk);
-        EXPECT_EQ(vlkrIntersectAnySO_32f(eye, r.dir, r.tri.data(), r.mask.data(), b, s.ctx()),
-                  vlkStatusOk);
-        for (int t : r.tri) ASSERT_EQ(t, 7);
-    }
-}
-
-TEST(IntersectChecks, NullPointersInArgumentOrder)
+TEST(IntersectChecks, NullPointersInArgumentOrderAndEmptyBlocks)
 {
     float f[1] = {1}, *fp[3] = {f, f, f};
     const float* cf[3] = {f, f, f};
@@ -283,36 +188,40 @@ TEST(IntersectChecks, NullPointersInArgumentOrder)
     EXPECT_EQ(vlkrIntersectAnySO_32f(f, cf, n, nullptr, b, noCtx), vlkStatusNullPtr);
     EXPECT_EQ(n[0], 0);
     EXPECT_EQ(f[0], 1.0f);
+
+    // Blocks without rays are no error and write nothing.
+    std::mt19937 rng(10);
+    const Scene s(testSoup(rng, 50));
+    const float eye[3] = {0, 0, -30};
+    Rays r = randomRays(rng, eye, s.box, 8, 8);
+    const PacketSize blocks[] = {{8, 0}, {8, -3}, {0, 8}, {-2, 8}};
+    for (PacketSize b : blocks) {
+        r.block = b;
+        EXPECT_EQ(r.eye(eye, s), vlkStatusOk);
+        EXPECT_EQ(r.eye(nullptr, s), vlkStatusOk);
+        EXPECT_EQ(r.any(eye, s), vlkStatusOk);
+        for (int t : r.tri) ASSERT_EQ(t, 7);
+    }
 }
 
 // ------------------------------------------------------------------ occlusion
 
-TEST(IntersectAny, FirstOccluderInIndexOrderThroughOneLeafTree)
+TEST(IntersectAny, FirstOccluderInIndexOrderOnlyStrictlyBetweenZeroAndOne)
 {
     std::mt19937 rng(404);
     for (unsigned mode : {KDTreeBuildSimple, KDTreeBuildSAH}) {
+        // From the light to random points: occluded when a triangle lies strictly between.
         const Scene s(testSoup(rng, 800), mode);
         const float light[3] = {2.0f, 9.0f, -3.0f};
-        Rays r(32, 32);
-        std::uniform_real_distribution<float> pos(-6.0f, 6.0f);
+        Rays r = randomRays(rng, light, s.box, 32, 32);
         std::uniform_int_distribution<int> maskValue(-2, 3);
-        for (std::size_t i = 0; i < r.size(); ++i) {
-            // From the light to a random point: occluded when a triangle lies strictly between.
-            r.dx[i] = pos(rng) - light[0], r.dy[i] = pos(rng) - light[1];
-            r.dz[i] = pos(rng) - light[2];
-            if (i % 13 == 0) r.dx[i] = 0.0f;
-            if (i % 29 == 0) r.dy[i] = 1e-8f;
-            r.mask[i] = maskValue(rng);
-        }
-        r.bind();
+        for (int& m : r.mask) m = maskValue(rng);
         const std::vector<int> maskIn = r.mask;
-        ASSERT_EQ(vlkrIntersectAnySO_32f(light, r.dir, r.tri.data(), r.mask.data(), r.block(),
-                                         s.ctx()),
-                  vlkStatusOk);
+        ASSERT_EQ(r.any(light, s), vlkStatusOk);
         int occluded = 0;
         for (std::size_t i = 0; i < r.size(); ++i) {
-            const float d[3] = {r.dx[i], r.dy[i], r.dz[i]};
-            const int want = maskIn[i] < 0 ? -1 : vlkr::reference::firstOccluder(s.accel(), light, d);
+            const float d[3] = {r.d[0][i], r.d[1][i], r.d[2][i]};
+            const int want = maskIn[i] < 0 ? -1 : scan(s.accel, light, d, 1, true).tri;
             if (mode == KDTreeBuildSimple)
                 EXPECT_EQ(r.tri[i], want) << i;
             else
@@ -322,65 +231,48 @@ TEST(IntersectAny, FirstOccluderInIndexOrderThroughOneLeafTree)
         }
         EXPECT_GT(occluded, 20);
     }
-}
 
-TEST(IntersectAny, OnlyStrictlyBetweenZeroAndOne)
-{
-    // A triangle at z = 1 seen from z = 0: direction lengths put it at t = 1, 0.5 and 2.
+    // A triangle at z = 1 seen from z = 0: direction lengths put it at t = 1, 0.5 and 2; from
+    // z = 2 the plane is at t = -1.
     Mesh m;
     m.vertices = {-1, -1, 1, 1, -1, 1, 0, 1, 1};
     m.triangles = {0, 1, 2, 0};
-    const Scene s(m, KDTreeBuildSAH);
-    const float origin[3] = {0, 0, 0};
+    const Scene s(m);
+    const float origin[3] = {0, 0, 0}, behind[3] = {0, 0, 2};
     Rays r(3, 1);
-    r.dz = {1.0f, 2.0f, 0.5f};
-    r.bind();
-    vlkrIntersectAnySO_32f(origin, r.dir, r.tri.data(), r.mask.data(), r.block(), s.ctx());
-    EXPECT_EQ(r.tri[0], -1);
-    EXPECT_EQ(r.tri[1], 0);
-    EXPECT_EQ(r.tri[2], -1);
-    EXPECT_EQ(r.mask[0], 0);
-    EXPECT_EQ(r.mask[1], -1);
-    const float behind[3] = {0, 0, 2};  // the plane at t = -1
-    r.dz = {1.0f, 1.0f, 1.0f};
+    r.d[2] = {1.0f, 2.0f, 0.5f};
+    r.any(origin, s);
+    EXPECT_EQ(r.tri, (std::vector<int>{-1, 0, -1}));
+    EXPECT_EQ(r.mask, (std::vector<int>{0, -1, 0}));
+    r.d[2] = {1.0f, 1.0f, 1.0f};
     r.mask = {0, 0, 0};
-    vlkrIntersectAnySO_32f(behind, r.dir, r.tri.data(), r.mask.data(), r.block(), s.ctx());
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(r.tri[i], -1);
+    r.any(behind, s);
+    EXPECT_EQ(r.tri, (std::vector<int>{-1, -1, -1}));
 }
 
 // ------------------------------------------------------------------ layers
 
-// Layers by the rules, over all triangles in index order (what a one-leaf tree does).
-void referenceLayers(const float box[6], const std::vector<TriangleAccel>& accel,
-                     const float eye[3], const float d[3], int layers, std::size_t plane,
-                     std::size_t i, std::vector<float>& dist, std::vector<float>& p,
-                     std::vector<float>& q, std::vector<int>& tri)
+// Layers by the rules, over all triangles in index order (what a one-leaf tree does): each
+// layer starts at the last hit and skips it and the hits before it still in the ring of eight.
+void referenceLayers(const Scene& s, Rays& r, std::size_t i)
 {
-    for (int l = 0; l < layers; ++l) tri[l * plane + i] = -1;
-    if (!vlkr::reference::boxSegment(box, eye, d, dist[i])) return;
-    float o[3] = {eye[0], eye[1], eye[2]};
+    const std::size_t plane = r.size();
+    for (int l = 0; l < r.layers; ++l) r.tri[l * plane + i] = -1;
+    float o[3] = {r.o[0][i], r.o[1][i], r.o[2][i]};
+    const float d[3] = {r.d[0][i], r.d[1][i], r.d[2][i]};
+    if (!vlkr::reference::boxSegment(s.box, o, d, r.dist[i])) return;
     int ring[8], previous = -1;
-    for (int layer = 1; layer <= layers; ++layer) {
+    for (int layer = 1; layer <= r.layers; ++layer) {
         const std::size_t at = (layer - 1) * plane + i;
-        float best = dist[at];
-        int found = -1;
-        float ft = 0, fp = 0, fq = 0;
-        for (int n = 0; n < int(accel.size()); ++n) {
-            bool skip = n == previous;
-            for (int k = 0; k < (layer - 1) % 8; ++k) skip = skip || ring[k] == n;
-            float t, pp, qq;
-            if (!skip && vlkr::reference::rayTriangle(accel[n], o, d, best, t, pp, qq)) {
-                best = t, found = n, ft = t, fp = pp, fq = qq;
-            }
-        }
-        if (found < 0) return;
-        tri[at] = found, p[at] = fp, q[at] = fq;
-        dist[at] = layer > 1 ? ft + dist[at - plane] : ft;
-        for (int k = 0; k < 3; ++k) o[k] = o[k] + d[k] * ft;
-        ring[(layer - 1) % 8] = found;
-        previous = found;
-        if (layer == layers) return;
-        dist[at + plane] = FLT_MAX;
+        std::vector<int> skip(ring, ring + (layer - 1) % 8);
+        skip.push_back(previous);
+        const RefHit h = scan(s.accel, o, d, r.dist[at], false, skip);
+        if (!h.hit) return;
+        r.tri[at] = h.tri, r.p[at] = h.p, r.q[at] = h.q;
+        r.dist[at] = layer > 1 ? h.t + r.dist[at - plane] : h.t;
+        for (int k = 0; k < 3; ++k) o[k] = o[k] + d[k] * h.t;
+        ring[(layer - 1) % 8] = previous = h.tri;
+        if (layer < r.layers) r.dist[at + plane] = FLT_MAX;
     }
 }
 
@@ -391,64 +283,23 @@ TEST(IntersectLayers, MatchBruteForceLayerByLayer)
     Mesh m;
     std::uniform_real_distribution<float> jitter(-0.2f, 0.2f);
     for (int sheet = 0; sheet < 12; ++sheet) {
-        const int base = m.vertexCount();
         const float z = float(sheet) + jitter(rng);
-        m.vertices.insert(m.vertices.end(), {-3, -3, z, 3, -3, z + 0.1f, 3, 3, z, -3, 3, z - 0.1f});
-        m.triangles.insert(m.triangles.end(), {base, base + 1, base + 2, 0, base, base + 2, base + 3, 0});
+        const float quad[2][9] = {{-3, -3, z, 3, -3, z + 0.1f, 3, 3, z},
+                                  {-3, -3, z, 3, 3, z, -3, 3, z - 0.1f}};
+        for (const float* t : quad) m.add(t);
     }
     const Scene s(m, KDTreeBuildSimple);
     const float eye[3] = {0.1f, -0.2f, -5.0f};
     for (int layers : {1, 3, 10, 14}) {
-        Rays r = randomRays(rng, eye, s.box(), 12, 10);
-    r.bind();
-        const std::size_t plane = r.size();
-        std::vector<float> dist(plane * layers, kUnset), p(plane * layers, kUnset),
-            q(plane * layers, kUnset);
-        std::vector<int> tri(plane * layers, 7);
-        for (std::size_t i = 0; i < plane; ++i) dist[i] = r.dist[i];
-        auto wantDist = dist, wantP = p, wantQ = q;
-        auto wantTri = tri;
-        float* hit[2] = {p.data(), q.data()};
-        const VolumeSize vol{r.width, r.height, layers};
-        ASSERT_EQ(vlkrIntersectMultipleSO_32f(eye, r.dir, dist.data(), hit, tri.data(), &vol,
-                                              s.ctx()),
-                  vlkStatusOk);
-        for (std::size_t i = 0; i < plane; ++i) {
-            const float d[3] = {r.dx[i], r.dy[i], r.dz[i]};
-            referenceLayers(s.box(), s.accel(), eye, d, layers, plane, i, wantDist, wantP, wantQ,
-                            wantTri);
+        Rays r = randomRays(rng, eye, s.box, 12, 10, layers), want = r;
+        ASSERT_EQ(r.multiple(eye, s), vlkStatusOk);
+        for (std::size_t i = 0; i < r.size(); ++i) referenceLayers(s, want, i);
+        if (layers >= 10) {  // hits past the ring of eight
+            EXPECT_GT(std::count_if(r.tri.begin() + 9 * r.size(), r.tri.begin() + 10 * r.size(),
+                                    [](int t) { return t >= 0; }),
+                      10);
         }
-        if (layers >= 10) {
-            int deep = 0;  // hits past the ring of eight
-            for (std::size_t i = 0; i < plane; ++i) deep += tri[9 * plane + i] >= 0;
-            EXPECT_GT(deep, 10);
-        }
-        for (std::size_t k = 0; k < plane * layers; ++k) {
-            ASSERT_EQ(tri[k], wantTri[k]) << "layers " << layers << " element " << k;
-            EXPECT_EQ(bitsOf(dist[k]), bitsOf(wantDist[k])) << k;
-            EXPECT_EQ(bitsOf(p[k]), bitsOf(wantP[k])) << k;
-            EXPECT_EQ(bitsOf(q[k]), bitsOf(wantQ[k])) << k;
-        }
-    }
-}
-
-TEST(IntersectLayers, OneLayerThroughSahTreeIsTheNearestHit)
-{
-    std::mt19937 rng(606);
-    const Scene s(testSoup(rng, 2000), KDTreeBuildSAH);
-    const float eye[3] = {3.0f, 4.0f, -25.0f};
-    Rays eyeRays = randomRays(rng, eye, s.box(), 30, 30);
-    Rays layerRays = eyeRays;
-    eyeRays.bind();
-    layerRays.bind();
-    vlkrIntersectEyeSO_32f(eye, eyeRays.dir, eyeRays.dist.data(), eyeRays.hit, eyeRays.tri.data(),
-                           s.ctx(), eyeRays.block());
-    const VolumeSize vol{30, 30, 1};
-    vlkrIntersectMultipleSO_32f(eye, layerRays.dir, layerRays.dist.data(), layerRays.hit,
-                                layerRays.tri.data(), &vol, s.ctx());
-    for (std::size_t i = 0; i < eyeRays.size(); ++i) {
-        EXPECT_EQ(layerRays.tri[i], eyeRays.tri[i]) << i;
-        EXPECT_EQ(bitsOf(layerRays.dist[i]), bitsOf(eyeRays.dist[i])) << i;
+        expectSameBits(r, want, "layers " + std::to_string(layers));
     }
 }
 

@@ -1,7 +1,8 @@
-// K-d tree build: argument checks, the one-leaf tree, SAH tree validity, and the memory budget.
+// K-d tree build: argument checks, the one-leaf tree, SAH tree soundness, and the memory budget.
+#include <algorithm>
 #include <climits>
 #include <cmath>
-#include <cstring>
+#include <cstdio>
 #include <random>
 #include <string>
 #include <vector>
@@ -15,6 +16,7 @@
 
 namespace {
 
+using vlkr::test::buildTree;
 using vlkr::test::Mesh;
 
 constexpr unsigned kMiB = 1u << 20;
@@ -30,98 +32,83 @@ KDTreeBuildContext simple(unsigned depth = 50)
     return KDTreeBuildContext{KDTreeBuildSimple, depth, 0.0f, 0, nullptr};
 }
 
-vlkStatus build(const Mesh& m, const KDTreeBuildContext& p, KDTreeNode** tree, int* size)
+// Builds with allocation call `failAt` made to fail (0: none) and checks the accounting: a SAH
+// build peaks within its budget and on success leaves only the tree, which is freed; a failure
+// leaves the outputs untouched and nothing allocated. *calls gets the allocation calls made.
+vlkStatus trackedBuild(const Mesh& m, const KDTreeBuildContext& p, long long failAt = 0,
+                       long long* calls = nullptr)
 {
-    return vlkrKDTreeBuildAlloc(tree, m.vertices.data(), m.triangles.data(), m.vertexCount(),
-                                m.triangleCount(), size, &p);
-}
-
-Mesh smallMesh()
-{
-    std::mt19937 rng(5);
-    return vlkr::test::randomSoup(rng, 40);
+    vlkTestResetAllocations();
+    vlkTestFailAllocationAt(failAt);
+    const long long base = vlkTestLiveBytes();
+    KDTreeNode* tree = reinterpret_cast<KDTreeNode*>(0x99);
+    int size = -5;
+    const vlkStatus st = buildTree(m, p, &tree, &size);
+    if (calls) *calls = vlkTestAllocationCalls();
+    const bool budgeted = p.mode == KDTreeBuildSAH;
+    EXPECT_LE(vlkTestPeakBytes() - base, budgeted ? p.memory * (long long)kMiB : LLONG_MAX);
+    if (st == vlkStatusOk) {
+        EXPECT_TRUE(!budgeted || vlkTestLiveBytes() - base == size) << "only the tree stays";
+        vlkrKDTreeFree(tree);
+    } else {
+        EXPECT_EQ(tree, reinterpret_cast<KDTreeNode*>(0x99)) << "failing call " << failAt;
+        EXPECT_EQ(size, -5) << "failing call " << failAt;
+    }
+    EXPECT_EQ(vlkTestLiveBytes(), base) << "failing call " << failAt;
+    vlkTestResetAllocations();
+    return st;
 }
 
 // ------------------------------------------------------------------------- argument checks
 
-TEST(KDTreeChecks, EachBadArgumentInOrder)
+TEST(KDTreeChecks, EachBadArgumentInOrderAndTheLimits)
 {
-    const Mesh m = smallMesh();
+    std::mt19937 rng(5);
+    const Mesh m = vlkr::test::randomSoup(rng, 40);
     const float* v = m.vertices.data();
     const int* t = m.triangles.data();
     KDTreeNode* tree = reinterpret_cast<KDTreeNode*>(0x1234);
     int size = -77;
     const KDTreeBuildContext ok = sah(), bad = sah(0, 2.0f, 99);
     const KDTreeBuildContext unknown{0x12345678u, 50, 1.0f, 256, nullptr};
-    const struct {
-        const char* what;
-        KDTreeNode** tree;
-        const float* v;
-        const int* t;
-        int nv, nt;
-        int* size;
-        const KDTreeBuildContext* p;
-        vlkStatus want;
-    } rows[] = {
-        {"null tree out, negative counts", nullptr, v, t, -1, -1, &size, &bad, vlkStatusNullPtr},
-        {"null vertices", &tree, nullptr, t, 3, 1, &size, &ok, vlkStatusNullPtr},
-        {"null triangles", &tree, v, nullptr, 3, 1, &size, &ok, vlkStatusNullPtr},
-        {"null size out", &tree, v, t, 3, 1, nullptr, &ok, vlkStatusNullPtr},
-        {"negative vertices before null params", &tree, v, t, -1, 1, &size, nullptr,
-         vlkStatusSize},
-        {"negative triangles", &tree, v, t, 3, -1, &size, &ok, vlkStatusSize},
-        {"null params", &tree, v, t, 3, 1, &size, nullptr, vlkStatusNullPtr},
-        {"unknown mode", &tree, v, t, 3, 1, &size, &unknown, vlkStatusBadArg},
-        {"depth before quality and memory", &tree, v, t, 3, 1, &size, &bad,
-         vlkStatusOutOfRange},
+    // Each call fails with `want` and writes nothing.
+    auto expect = [&](const char* what, KDTreeNode** tr, const float* vv, const int* tt, int nv,
+                      int nt, int* sz, const KDTreeBuildContext* p, vlkStatus want) {
+        EXPECT_EQ(vlkrKDTreeBuildAlloc(tr, vv, tt, nv, nt, sz, p), want) << what;
+        EXPECT_EQ(tree, reinterpret_cast<KDTreeNode*>(0x1234)) << what;
+        EXPECT_EQ(size, -77) << what;
     };
-    for (const auto& r : rows) {
-        EXPECT_EQ(vlkrKDTreeBuildAlloc(r.tree, r.v, r.t, r.nv, r.nt, r.size, r.p), r.want)
-            << r.what;
-        EXPECT_EQ(tree, reinterpret_cast<KDTreeNode*>(0x1234)) << r.what;
-        EXPECT_EQ(size, -77) << r.what;
-    }
-}
+    expect("null tree out, negative counts", nullptr, v, t, -1, -1, &size, &bad, vlkStatusNullPtr);
+    expect("null vertices", &tree, nullptr, t, 3, 1, &size, &ok, vlkStatusNullPtr);
+    expect("null triangles", &tree, v, nullptr, 3, 1, &size, &ok, vlkStatusNullPtr);
+    expect("null size out", &tree, v, t, 3, 1, nullptr, &ok, vlkStatusNullPtr);
+    expect("negative vertices before null params", &tree, v, t, -1, 1, &size, nullptr,
+           vlkStatusSize);
+    expect("negative triangles", &tree, v, t, 3, -1, &size, &ok, vlkStatusSize);
+    expect("null params", &tree, v, t, 3, 1, &size, nullptr, vlkStatusNullPtr);
+    expect("unknown mode", &tree, v, t, 3, 1, &size, &unknown, vlkStatusBadArg);
+    expect("depth before quality and memory", &tree, v, t, 3, 1, &size, &bad, vlkStatusOutOfRange);
 
-TEST(KDTreeChecks, DepthAndQualityLimits)
-{
-    const Mesh m = smallMesh();
-    KDTreeNode* tree = nullptr;
-    int size = 0;
+    // The limits on depth, quality and memory.
     for (unsigned depth : {51u, 0x80000000u}) {
-        EXPECT_EQ(build(m, simple(depth), &tree, &size), vlkStatusOutOfRange);
-        EXPECT_EQ(build(m, sah(256, 1.0f, depth), &tree, &size), vlkStatusOutOfRange);
+        EXPECT_EQ(trackedBuild(m, simple(depth)), vlkStatusOutOfRange);
+        EXPECT_EQ(trackedBuild(m, sah(256, 1.0f, depth)), vlkStatusOutOfRange);
     }
     for (float q : {-0.0001f, 1.0001f, -INFINITY, INFINITY})
-        EXPECT_EQ(build(m, sah(256, q), &tree, &size), vlkStatusOutOfRange) << q;
-    for (float q : {0.0f, 1.0f, 0.5f, NAN}) {
-        ASSERT_EQ(build(m, sah(256, q), &tree, &size), vlkStatusOk) << q;
-        vlkrKDTreeFree(tree);
-    }
-    ASSERT_EQ(build(m, sah(256, 1.0f, 50), &tree, &size), vlkStatusOk);
-    vlkrKDTreeFree(tree);
-    ASSERT_EQ(build(m, simple(50), &tree, &size), vlkStatusOk);
-    vlkrKDTreeFree(tree);
-}
+        EXPECT_EQ(trackedBuild(m, sah(256, q)), vlkStatusOutOfRange) << q;
+    for (float q : {0.0f, 1.0f, 0.5f, NAN}) EXPECT_EQ(trackedBuild(m, sah(256, q)), vlkStatusOk);
+    EXPECT_EQ(trackedBuild(m, simple(50)), vlkStatusOk);
 
-TEST(KDTreeChecks, MemoryBudgetEdges)
-{
-    const Mesh m = smallMesh();
-    KDTreeNode* tree = nullptr;
-    int size = 0;
     // 31 MB fails the 32 MB floor; 32 MB fails the size formula (33,554,912 bytes at least);
     // 4096 and 8192 MB wrap to 0 in 32 bits.
     for (unsigned mb : {0u, 31u, 32u, 4096u, 8192u})
-        EXPECT_EQ(build(m, sah(mb), &tree, &size), vlkStatusNoMemory) << mb;
-    ASSERT_EQ(build(m, sah(33), &tree, &size), vlkStatusOk);
-    vlkrKDTreeFree(tree);
-
+        EXPECT_EQ(trackedBuild(m, sah(mb)), vlkStatusNoMemory) << mb;
+    EXPECT_EQ(trackedBuild(m, sah(33)), vlkStatusOk);
     // The formula grows with the mesh: 52 bytes a triangle and 12 a vertex.
-    std::mt19937 rng(1);
+    rng.seed(1);
     const Mesh big = vlkr::test::randomSoup(rng, 20000);  // needs 35,314,912 bytes
-    EXPECT_EQ(build(big, sah(33), &tree, &size), vlkStatusNoMemory);
-    ASSERT_EQ(build(big, sah(34), &tree, &size), vlkStatusOk);
-    vlkrKDTreeFree(tree);
+    EXPECT_EQ(trackedBuild(big, sah(33)), vlkStatusNoMemory);
+    EXPECT_EQ(trackedBuild(big, sah(34)), vlkStatusOk);
 }
 
 // ------------------------------------------------------------------------- one-leaf tree
@@ -129,134 +116,84 @@ TEST(KDTreeChecks, MemoryBudgetEdges)
 TEST(KDTreeSimple, LayoutIsExact)
 {
     for (int t : {0, 1, 2, 7, 1000}) {
-        std::vector<int> tri(4 * std::max(t, 1), 0);
+        const std::vector<int> tri(4 * std::max(t, 1), 0);
         const float v[3] = {0, 0, 0};
         KDTreeNode* tree = nullptr;
         int size = -1;
         const KDTreeBuildContext p = simple();
-        ASSERT_EQ(vlkrKDTreeBuildAlloc(&tree, v, tri.data(), 1, t, &size, &p), vlkStatusOk);
-        EXPECT_EQ(size, 4 * t + 16);
+        ASSERT_EQ(vlkrKDTreeBuildAlloc(&tree, v, tri.data(), t ? 1 : 0, t, &size, &p), vlkStatusOk);
+        ASSERT_EQ(size, 4 * t + 16);
+        std::vector<int> want = {int(0xFFFFFFF0u), t, 0, 0};  // the leaf, its list after it
+        for (int i = 0; i < t; ++i) want.push_back(i);
         const int* words = reinterpret_cast<const int*>(tree);
-        EXPECT_EQ(static_cast<unsigned>(words[0]), 0xFFFFFFF0u);
-        EXPECT_EQ(words[1], t);
-        EXPECT_EQ(words[2], 0);
-        EXPECT_EQ(words[3], 0);
-        for (int i = 0; i < t; ++i) ASSERT_EQ(words[4 + i], i);
+        EXPECT_EQ(std::vector<int>(words, words + size / 4), want);
         EXPECT_EQ(vlkrKDTreeFree(tree), vlkStatusOk);
     }
 }
 
-TEST(KDTreeSimple, EmptyMeshIsOneEmptyLeaf)
-{
-    const float v[3] = {0, 0, 0};
-    const int tri[4] = {0, 0, 0, 0};
-    KDTreeNode* tree = nullptr;
-    int size = 0;
-    const KDTreeBuildContext p = simple();
-    ASSERT_EQ(vlkrKDTreeBuildAlloc(&tree, v, tri, 0, 0, &size, &p), vlkStatusOk);
-    const float box[6] = {0, 0, 0, 1, 1, 1};
-    const auto info = vlkr::test::decodeTree(tree, size, box, 0);
-    EXPECT_TRUE(info.valid) << info.error;
-    EXPECT_EQ(size, 16);
-    EXPECT_EQ(info.emptyLeaves, 1);
-    vlkrKDTreeFree(tree);
-}
-
 // ------------------------------------------------------------------------- SAH trees
 
-struct NamedMesh {
-    std::string name;
-    Mesh mesh;
-};
-
-std::vector<NamedMesh> variedMeshes()
-{
-    std::mt19937 rng(31337);
-    std::vector<NamedMesh> out;
-    out.push_back({"soup", vlkr::test::randomSoup(rng, 3000, 20.0f)});
-    out.push_back({"terrain", vlkr::test::randomTerrain(rng, 40)});
-    out.push_back({"sphere", vlkr::test::sphere(24, 48)});
-    out.push_back({"flats", vlkr::test::axisAlignedFlats(rng, 2000)});
-    Mesh mixed = vlkr::test::randomTerrain(rng, 20);
-    vlkr::test::addDuplicatesAndDegenerates(rng, mixed, 300);
-    out.push_back({"duplicates", std::move(mixed)});
-    return out;
-}
-
-void expectSoundTree(const Mesh& m, const KDTreeBuildContext& p, const std::string& what)
+// Builds m with p and decodes the tree against the mesh: valid within p's depth, and every
+// triangle listed in every leaf it crosses.
+vlkr::test::TreeInfo soundTree(const Mesh& m, const KDTreeBuildContext& p, const std::string& what)
 {
     KDTreeNode* tree = nullptr;
     int size = 0;
-    ASSERT_EQ(build(m, p, &tree, &size), vlkStatusOk) << what;
+    EXPECT_EQ(buildTree(m, p, &tree, &size), vlkStatusOk) << what;
+    if (!tree) return {};
     float box[6];
-    if (p.pBound)
-        std::memcpy(box, p.pBound, sizeof box);
-    else
-        vlkrSetBoundBox_32f(m.vertices.data(), m.vertexCount(), box);
-    const auto info = vlkr::test::decodeTree(tree, size, box, m.triangleCount(), int(p.depth));
+    vlkrSetBoundBox_32f(m.vertices.data(), m.vertexCount(), box);
+    if (p.pBound) std::copy(p.pBound, p.pBound + 6, box);
+    const auto info = vlkr::test::decodeTree(tree, size, box, m.triangleCount(), int(p.depth),
+                                             m.vertices.data(), m.triangles.data());
     EXPECT_TRUE(info.valid) << what << ": " << info.error;
-    std::string why;
-    if (info.valid) {
-        EXPECT_TRUE(vlkr::test::everyTriangleReachable(info, m.vertices.data(), m.triangles.data(),
-                                                       m.triangleCount(), &why))
-            << what << ": " << why;
-    }
     vlkrKDTreeFree(tree);
+    return info;
 }
 
 TEST(KDTreeSah, TreesAreValidAndListEveryCrossedTriangle)
 {
-    for (const auto& nm : variedMeshes()) {
+    std::mt19937 rng(31337);
+    std::pair<const char*, Mesh> meshes[] = {
+        {"soup", vlkr::test::randomSoup(rng, 3000, 20.0f)},
+        {"terrain", vlkr::test::randomTerrain(rng, 40)},
+        {"sphere", vlkr::test::sphere(24, 48)},
+        {"flats", vlkr::test::axisAlignedFlats(rng, 2000)},
+        {"duplicates", vlkr::test::randomTerrain(rng, 20)},
+    };
+    vlkr::test::addDuplicatesAndDegenerates(rng, meshes[4].second, 300);
+    for (const auto& [name, mesh] : meshes) {
         for (float q : {1.0f, 0.5f, 0.0f})
-            expectSoundTree(nm.mesh, sah(256, q), nm.name + " q=" + std::to_string(q));
-        expectSoundTree(nm.mesh, sah(256, 1.0f, 6), nm.name + " depth 6");
+            soundTree(mesh, sah(256, q), std::string(name) + " q=" + std::to_string(q));
+        soundTree(mesh, sah(256, 1.0f, 6), std::string(name) + " depth 6");
+        EXPECT_EQ(soundTree(mesh, sah(256, 1.0f, 0), std::string(name) + " depth 0").leaves, 1);
     }
-}
-
-TEST(KDTreeSah, CallerBoxTrimsTheTriangles)
-{
-    std::mt19937 rng(8);
-    const Mesh m = vlkr::test::randomSoup(rng, 2000, 10.0f);
+    // A caller's box that cuts through a soup trims the triangles to it.
+    std::mt19937 rng8(8);
     const float box[6] = {-4.0f, -3.0f, -10.0f, 5.0f, 2.5f, 1.0f};
-    expectSoundTree(m, sah(256, 1.0f, 50, box), "trimmed soup");
+    soundTree(vlkr::test::randomSoup(rng8, 2000), sah(256, 1.0f, 50, box), "trimmed soup");
 }
 
-TEST(KDTreeSah, DepthLimitIsHonoured)
+TEST(KDTreeSah, EmptySpaceIsCutOffFirstAndDegeneratesLeftOut)
 {
-    std::mt19937 rng(77);
-    const Mesh m = vlkr::test::randomSoup(rng, 4000, 50.0f);
-    for (unsigned depth : {0u, 1u, 3u, 12u, 50u}) {
-        KDTreeNode* tree = nullptr;
-        int size = 0;
-        ASSERT_EQ(build(m, sah(256, 1.0f, depth), &tree, &size), vlkStatusOk);
-        float box[6];
-        vlkrSetBoundBox_32f(m.vertices.data(), m.vertexCount(), box);
-        const auto info = vlkr::test::decodeTree(tree, size, box, m.triangleCount(), 50);
-        ASSERT_TRUE(info.valid) << info.error;
-        EXPECT_LE(info.maxDepth, int(depth));
-        if (depth == 0) {
-            EXPECT_EQ(info.leaves, 1);
-        }
-        vlkrKDTreeFree(tree);
-    }
-}
+    // The caller's box leaves 12% of its x extent empty below the soup: the root cuts it off.
+    std::mt19937 rng(6);
+    const Mesh m = vlkr::test::randomSoup(rng, 500, 10.0f);
+    float box[6], lowest = INFINITY;
+    vlkrSetBoundBox_32f(m.vertices.data(), m.vertexCount(), box);
+    for (int i = 0; i < m.vertexCount(); ++i) lowest = std::min(lowest, m.vertices[3 * i]);
+    box[0] = (lowest - 0.12f * box[3]) / 0.88f;
+    const auto info = soundTree(m, sah(256, 1.0f, 50, box), "12% empty");
+    ASSERT_GT(info.leaves, 1);
+    EXPECT_TRUE(info.leafList[0].triangles.empty());
+    EXPECT_EQ(info.leafList[0].box[3], lowest);
 
-TEST(KDTreeSah, DegenerateTrianglesAreLeftOut)
-{
     // Two real triangles and one with a repeated corner: only the real ones are listed.
-    const float v[] = {0, 0, 0, 1, 0, 0, 0, 1, 0, 5, 5, 5, 6, 5, 5, 5, 6, 5};
-    const int tri[] = {0, 1, 2, 0, 3, 3, 4, 0, 3, 4, 5, 0};
-    KDTreeNode* tree = nullptr;
-    int size = 0;
-    const KDTreeBuildContext p = sah();
-    ASSERT_EQ(vlkrKDTreeBuildAlloc(&tree, v, tri, 6, 3, &size, &p), vlkStatusOk);
-    float box[6];
-    vlkrSetBoundBox_32f(v, 6, box);
-    const auto info = vlkr::test::decodeTree(tree, size, box, 3);
-    ASSERT_TRUE(info.valid) << info.error;
-    for (const auto& leaf : info.leafList)
+    Mesh three;
+    three.vertices = {0, 0, 0, 1, 0, 0, 0, 1, 0, 5, 5, 5, 6, 5, 5, 5, 6, 5};
+    three.triangles = {0, 1, 2, 0, 3, 3, 4, 0, 3, 4, 5, 0};
+    for (const auto& leaf : soundTree(three, sah(), "degenerate").leafList)
         for (int t : leaf.triangles) EXPECT_NE(t, 1);
-    vlkrKDTreeFree(tree);
 }
 
 // ------------------------------------------------------------------------- memory budget
@@ -268,36 +205,10 @@ TEST(KDTreeBudget, PeakLiveBytesStayWithinTheBudget)
         const Mesh m = vlkr::test::randomSoup(rng, n, 30.0f);
         const unsigned needed = 52u * unsigned(n) + 12u * unsigned(m.vertexCount()) + 33554912u;
         for (unsigned mb : {needed / kMiB + 1, needed / kMiB + 40}) {
-            vlkTestResetAllocations();
-            const long long base = vlkTestLiveBytes();
-            KDTreeNode* tree = nullptr;
-            int size = 0;
-            const vlkStatus st = build(m, sah(mb), &tree, &size);
-            EXPECT_TRUE(st == vlkStatusOk || st == vlkStatusMemAlloc) << st;
-            EXPECT_LE(vlkTestPeakBytes() - base, (long long)mb * kMiB) << n << " tris, " << mb;
-            if (st == vlkStatusOk) {
-                EXPECT_EQ(vlkTestLiveBytes() - base, size) << "only the tree stays";
-                vlkrKDTreeFree(tree);
-            }
-            EXPECT_EQ(vlkTestLiveBytes(), base);
+            const vlkStatus st = trackedBuild(m, sah(mb));
+            EXPECT_TRUE(st == vlkStatusOk || st == vlkStatusMemAlloc) << n << " tris, " << mb;
         }
     }
-}
-
-// Builds expecting `want`, with the allocation call `failAt` made to fail (0: none).
-void expectFailureLeavesNothing(const Mesh& m, const KDTreeBuildContext& p, vlkStatus want,
-                                const std::string& what, long long failAt = 0)
-{
-    vlkTestResetAllocations();
-    vlkTestFailAllocationAt(failAt);
-    const long long base = vlkTestLiveBytes();
-    KDTreeNode* untouched = reinterpret_cast<KDTreeNode*>(0x99);
-    int sizeOut = -5;
-    EXPECT_EQ(build(m, p, &untouched, &sizeOut), want) << what;
-    EXPECT_EQ(untouched, reinterpret_cast<KDTreeNode*>(0x99)) << what;
-    EXPECT_EQ(sizeOut, -5) << what;
-    EXPECT_EQ(vlkTestLiveBytes(), base) << what;
-    EXPECT_LE(vlkTestPeakBytes() - base, (long long)p.memory * kMiB) << what;
 }
 
 TEST(KDTreeBudget, ExhaustedAccountIsMemAlloc)
@@ -305,16 +216,10 @@ TEST(KDTreeBudget, ExhaustedAccountIsMemAlloc)
     // Needles need several growth steps: too little budget for them fails mid-build.
     std::mt19937 rng(3);
     const Mesh m = vlkr::test::needles(rng, 12000);  // a tree of about 21 MB
-    for (unsigned mb : {34u})
-        expectFailureLeavesNothing(m, sah(mb), vlkStatusMemAlloc, std::to_string(mb) + " MB");
-    KDTreeNode* tree = nullptr;
-    int size = 0;
-    vlkTestResetAllocations();
-    const long long base = vlkTestLiveBytes();
-    ASSERT_EQ(build(m, sah(68), &tree, &size), vlkStatusOk);
-    EXPECT_LE(vlkTestPeakBytes() - base, 68LL * kMiB);
-    EXPECT_GT(vlkTestAllocationCalls(), 7) << "the build grew its storage";
-    vlkrKDTreeFree(tree);
+    EXPECT_EQ(trackedBuild(m, sah(34)), vlkStatusMemAlloc);
+    long long calls = 0;
+    EXPECT_EQ(trackedBuild(m, sah(68), 0, &calls), vlkStatusOk);
+    EXPECT_GT(calls, 7) << "the build grew its storage";
 }
 
 TEST(KDTreeBudget, EveryAllocationFailureReleasesEverything)
@@ -333,23 +238,15 @@ TEST(KDTreeBudget, EveryAllocationFailureReleasesEverything)
     } cases[] = {{soup, 40, 1}, {needles, 68, 7}};
     long long total = 0;
     for (const auto& c : cases) {
-        KDTreeNode* tree = nullptr;
-        int size = 0;
-        vlkTestResetAllocations();
-        ASSERT_EQ(build(c.mesh, sah(c.mb), &tree, &size), vlkStatusOk);
-        const long long calls = vlkTestAllocationCalls();
-        vlkrKDTreeFree(tree);
+        long long calls = 0;
+        ASSERT_EQ(trackedBuild(c.mesh, sah(c.mb), 0, &calls), vlkStatusOk);
         ASSERT_GE(calls, 7);
         for (long long fail = c.firstCall; fail <= calls; ++fail, ++total)
-            expectFailureLeavesNothing(c.mesh, sah(c.mb), vlkStatusMemAlloc,
-                                       "call " + std::to_string(fail), fail);
+            EXPECT_EQ(trackedBuild(c.mesh, sah(c.mb), fail), vlkStatusMemAlloc) << "call " << fail;
     }
-    vlkTestResetAllocations();
     std::printf("failure injected at %lld allocation calls\n", total);
-
     // The one-leaf tree makes one allocation, and its failure is NoMemory.
-    expectFailureLeavesNothing(soup, simple(), vlkStatusNoMemory, "one-leaf tree", 1);
-    vlkTestResetAllocations();
+    EXPECT_EQ(trackedBuild(soup, simple(), 1), vlkStatusNoMemory);
 }
 
 }  // namespace

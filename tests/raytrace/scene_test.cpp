@@ -1,8 +1,6 @@
 // Scene preparation: bounding boxes and acceleration records against the reference, bit for bit.
-#include <cfloat>
-#include <cmath>
+#include <climits>
 #include <cstring>
-#include <limits>
 #include <random>
 #include <vector>
 
@@ -17,30 +15,30 @@ namespace {
 using vlkr::test::bitsOf;
 using vlkr::test::Mesh;
 
-void expectSameRecord(const TriangleAccel& got, const TriangleAccel& want, int t)
+std::vector<std::uint32_t> wordsOf(const TriangleAccel& r)
 {
-    std::uint32_t g[10], w[10];
-    std::memcpy(g, &got, 40);
-    std::memcpy(w, &want, 40);
-    for (int k = 0; k < 10; ++k) EXPECT_EQ(g[k], w[k]) << "triangle " << t << " word " << k;
+    std::vector<std::uint32_t> w(10);
+    std::memcpy(w.data(), &r, 40);
+    return w;
 }
 
-std::vector<TriangleAccel> accelOf(const Mesh& m)
+TEST(BoundBox, MatchesReferenceForEveryTailLengthAndLane)
 {
-    std::vector<TriangleAccel> out(m.triangleCount());
-    EXPECT_EQ(vlkrTriangleAccelInit(out.data(), m.vertices.data(), m.triangles.data(),
-                                    m.triangleCount()),
-              vlkStatusOk);
-    return out;
-}
-
-TEST(BoundBox, MatchesReferenceForEveryTailLength)
-{
+    // Random vertices at every length to 70, and 24 vertices with one extreme value at each
+    // position, so that each register lane and each block of the eight-vertex fold reports it.
     std::mt19937 rng(12111);
     std::uniform_real_distribution<float> coord(-1000.0f, 1000.0f);
+    std::vector<std::vector<float>> inputs;
     for (int n = 1; n <= 70; ++n) {
-        std::vector<float> v(3 * n);
-        for (float& x : v) x = coord(rng);
+        inputs.emplace_back(3 * n);
+        for (float& x : inputs.back()) x = coord(rng);
+    }
+    for (int pos = 0; pos < 72; ++pos) {
+        inputs.emplace_back(72, 1.0f);
+        inputs.back()[pos] = -5.0f;
+    }
+    for (const auto& v : inputs) {
+        const int n = int(v.size() / 3);
         float got[6], want[6];
         ASSERT_EQ(vlkrSetBoundBox_32f(v.data(), n, got), vlkStatusOk);
         vlkr::reference::boundBox(v.data(), n, want);
@@ -48,24 +46,7 @@ TEST(BoundBox, MatchesReferenceForEveryTailLength)
     }
 }
 
-TEST(BoundBox, ExtremeOnEachAxisInEveryLaneIsFound)
-{
-    // Put the single extreme value at every position of a 24-vertex array so that each
-    // register lane and each block of the eight-vertex fold has to report it.
-    for (int pos = 0; pos < 72; ++pos) {
-        std::vector<float> v(72, 1.0f);
-        v[pos] = -5.0f;
-        float box[6];
-        ASSERT_EQ(vlkrSetBoundBox_32f(v.data(), 24, box), vlkStatusOk);
-        const float pad = 1e-4f * 5.0f;
-        for (int c = 0; c < 3; ++c) {
-            EXPECT_EQ(box[c], (c == pos % 3 ? -5.0f : 1.0f) - pad) << pos;
-            EXPECT_EQ(box[3 + c], 1.0f + pad) << pos;
-        }
-    }
-}
-
-TEST(BoundBox, PointAtOriginGetsTheSubnormalPad)
+TEST(BoundBox, SubnormalPadInvertedStartBoxAndNullVertices)
 {
     const float origin[3] = {0.0f, 0.0f, 0.0f};
     float box[6];
@@ -74,133 +55,82 @@ TEST(BoundBox, PointAtOriginGetsTheSubnormalPad)
         EXPECT_EQ(bitsOf(box[c]), 0x80000347u);  // -839 * 2^-149
         EXPECT_EQ(bitsOf(box[3 + c]), 0x00000347u);
     }
-}
-
-TEST(BoundBox, NoVerticesGiveTheInvertedStartBox)
-{
-    const float dummy[3] = {1.0f, 2.0f, 3.0f};
-    for (int n : {0, -1, std::numeric_limits<int>::min()}) {
-        float box[6];
-        ASSERT_EQ(vlkrSetBoundBox_32f(dummy, n, box), vlkStatusOk);
+    for (int n : {0, -1, INT_MIN}) {
+        ASSERT_EQ(vlkrSetBoundBox_32f(origin, n, box), vlkStatusOk);
         for (int c = 0; c < 3; ++c) {
             EXPECT_EQ(box[c], 3.4024831e38f);
             EXPECT_EQ(box[3 + c], -3.4024831e38f);
         }
     }
+    float untouched[6] = {7, 7, 7, 7, 7, 7};
+    EXPECT_EQ(vlkrSetBoundBox_32f(nullptr, 3, untouched), vlkStatusNullPtr);
+    EXPECT_EQ(vlkrSetBoundBox_32f(nullptr, 0, untouched), vlkStatusNullPtr);
+    for (float b : untouched) EXPECT_EQ(b, 7.0f);
 }
 
-TEST(BoundBox, NullVerticesIsNullPtrAndWritesNothing)
+TEST(TriangleAccel, MeshesMatchReference)
 {
-    float box[6] = {7, 7, 7, 7, 7, 7};
-    EXPECT_EQ(vlkrSetBoundBox_32f(nullptr, 3, box), vlkStatusNullPtr);
-    EXPECT_EQ(vlkrSetBoundBox_32f(nullptr, 0, box), vlkStatusNullPtr);
-    for (float b : box) EXPECT_EQ(b, 7.0f);
+    // A soup, a terrain with shared vertices, and small integer corners, which give many
+    // normals with equal components on two or three axes and many repeated corners.
+    std::mt19937 rng(2024);
+    Mesh meshes[3] = {vlkr::test::randomSoup(rng, 5000), vlkr::test::randomTerrain(rng, 40), {}};
+    std::uniform_int_distribution<int> small(-2, 2);
+    for (int t = 0; t < 4000; ++t) {
+        float c[9];
+        for (float& x : c) x = float(small(rng));
+        meshes[2].add(c);
+    }
+    for (const Mesh& m : meshes) {
+        TriangleAccel filler;
+        std::memset(&filler, 0xAB, sizeof filler);
+        std::vector<TriangleAccel> got(m.triangleCount(), filler);
+        ASSERT_EQ(vlkrTriangleAccelInit(got.data(), m.vertices.data(), m.triangles.data(),
+                                        m.triangleCount()),
+                  vlkStatusOk);
+        for (int t = 0; t < m.triangleCount(); ++t)
+            ASSERT_EQ(wordsOf(got[t]),
+                      wordsOf(vlkr::reference::accelRecord(m.vertices.data(), &m.triangles[4 * t])))
+                << "triangle " << t;
+    }
 }
 
-TEST(TriangleAccel, SizeIsForty)
+TEST(TriangleAccel, SizeChecksAndCornerCases)
 {
     int size = 0;
     EXPECT_EQ(vlkrTriangleAccelGetSize(&size), vlkStatusOk);
     EXPECT_EQ(size, 40);
     EXPECT_EQ(vlkrTriangleAccelGetSize(nullptr), vlkStatusNullPtr);
-}
-
-TEST(TriangleAccel, RandomSoupMatchesReference)
-{
-    std::mt19937 rng(2024);
-    const Mesh m = vlkr::test::randomSoup(rng, 5000);
-    const auto got = accelOf(m);
-    for (int t = 0; t < m.triangleCount(); ++t)
-        expectSameRecord(got[t], vlkr::reference::accelRecord(m.vertices.data(), &m.triangles[4 * t]), t);
-}
-
-TEST(TriangleAccel, TerrainWithSharedVerticesMatchesReference)
-{
-    std::mt19937 rng(7);
-    const Mesh m = vlkr::test::randomTerrain(rng, 40);
-    const auto got = accelOf(m);
-    for (int t = 0; t < m.triangleCount(); ++t)
-        expectSameRecord(got[t], vlkr::reference::accelRecord(m.vertices.data(), &m.triangles[4 * t]), t);
-}
-
-TEST(TriangleAccel, AxisTiesAndOrientationsMatchReference)
-{
-    // Small integer corners produce many normals with equal components on two or three axes.
-    std::mt19937 rng(99);
-    std::uniform_int_distribution<int> small(-2, 2);
-    Mesh m;
-    for (int t = 0; t < 4000; ++t) {
-        for (int k = 0; k < 9; ++k) m.vertices.push_back(float(small(rng)));
-        m.triangles.insert(m.triangles.end(), {3 * t, 3 * t + 1, 3 * t + 2, 0});
-    }
-    const auto got = accelOf(m);
-    for (int t = 0; t < m.triangleCount(); ++t)
-        expectSameRecord(got[t], vlkr::reference::accelRecord(m.vertices.data(), &m.triangles[4 * t]), t);
-}
-
-TEST(TriangleAccel, RepeatedCornerGivesAllZeroRecord)
-{
-    const float v[] = {1, 2, 3, 1, 2, 3, 4, 5, 6};
+    // Pointer checks come before the count, and a count of zero or less writes nothing.
+    const float repeated[] = {1, 2, 3, 1, 2, 3, 4, 5, 6};
     const int tri[] = {0, 1, 2, 0};
     TriangleAccel r;
-    std::memset(&r, 0xAB, sizeof r);
-    ASSERT_EQ(vlkrTriangleAccelInit(&r, v, tri, 1), vlkStatusOk);
-    std::uint32_t words[10];
-    std::memcpy(words, &r, 40);
-    for (std::uint32_t w : words) EXPECT_EQ(w, 0u);
-}
-
-TEST(TriangleAccel, FlatInZIsSeenAlongZWithBit31)
-{
-    const float v[] = {0, 0, 5, 2, 0, 5, 0, 3, 5};
-    const int tri[] = {0, 1, 2, 0};
-    TriangleAccel r;
-    ASSERT_EQ(vlkrTriangleAccelInit(&r, v, tri, 1), vlkStatusOk);
-    EXPECT_EQ(r.axes, 0x80000000u | (2u << 4) | (0u << 2) | 1u);
-    EXPECT_EQ(bitsOf(r.nu), 0u);
-    EXPECT_EQ(bitsOf(r.nv), 0u);
-    EXPECT_EQ(r.cw, 5.0f);
-    // N = (A - C) x (B - C) = (0,-3,0) x (2,-3,0) = (0, 0, 6): e2[u] * s / N[w] = 2 / 6.
-    EXPECT_EQ(r.e2u, float(2.0 * (1.0 / 6.0)));
-    EXPECT_EQ(r.e1v, float(-3.0 * (1.0 / 6.0)));
-}
-
-TEST(TriangleAccel, EqualXAndYComponentsPickX)
-{
-    // N = (1, 1, 0) up to scale: |N.x| = |N.y| > |N.z| keeps x.
-    const float v[] = {0, 0, 0, 1, -1, 0, 0, 0, 1};
-    const int tri[] = {0, 1, 2, 0};
-    TriangleAccel r;
-    ASSERT_EQ(vlkrTriangleAccelInit(&r, v, tri, 1), vlkStatusOk);
-    EXPECT_EQ((r.axes >> 4) & 3u, 0u);
-    EXPECT_EQ((r.axes >> 2) & 3u, 1u);
-    EXPECT_EQ(r.axes & 3u, 2u);
-    EXPECT_EQ(r.axes & 0x80000000u, 0u);
-}
-
-TEST(TriangleAccel, NonPositiveCountWritesNothing)
-{
-    const float v[] = {0, 0, 0, 1, 0, 0, 0, 1, 0};
-    const int tri[] = {0, 1, 2, 0};
-    for (int n : {0, -5}) {
-        TriangleAccel r;
-        std::memset(&r, 0x5A, sizeof r);
-        EXPECT_EQ(vlkrTriangleAccelInit(&r, v, tri, n), vlkStatusOk);
-        const unsigned char* p = reinterpret_cast<const unsigned char*>(&r);
-        for (int k = 0; k < 40; ++k) EXPECT_EQ(p[k], 0x5A);
-    }
-}
-
-TEST(TriangleAccel, PointerChecksComeBeforeTheCount)
-{
-    const float v[] = {0, 0, 0, 1, 0, 0, 0, 1, 0};
-    const int tri[] = {0, 1, 2, 0};
-    TriangleAccel r;
+    std::memset(&r, 0x5A, sizeof r);
     for (int n : {1, 0, -5}) {
-        EXPECT_EQ(vlkrTriangleAccelInit(nullptr, v, tri, n), vlkStatusNullPtr);
+        EXPECT_EQ(vlkrTriangleAccelInit(nullptr, repeated, tri, n), vlkStatusNullPtr);
         EXPECT_EQ(vlkrTriangleAccelInit(&r, nullptr, tri, n), vlkStatusNullPtr);
-        EXPECT_EQ(vlkrTriangleAccelInit(&r, v, nullptr, n), vlkStatusNullPtr);
+        EXPECT_EQ(vlkrTriangleAccelInit(&r, repeated, nullptr, n), vlkStatusNullPtr);
     }
+    for (int n : {0, -5}) EXPECT_EQ(vlkrTriangleAccelInit(&r, repeated, tri, n), vlkStatusOk);
+    EXPECT_EQ(wordsOf(r), std::vector<std::uint32_t>(10, 0x5A5A5A5Au)) << "nothing written";
+
+    // A repeated corner gives the all-zero record.
+    ASSERT_EQ(vlkrTriangleAccelInit(&r, repeated, tri, 1), vlkStatusOk);
+    EXPECT_EQ(wordsOf(r), std::vector<std::uint32_t>(10, 0u));
+
+    // Flat in z: seen along z with bit 31. N = (A - C) x (B - C) = (0,-3,0) x (2,-3,0) =
+    // (0, 0, 6), so s / N[w] = 1 / 6, and C = (0, 3, 5).
+    const float flatZ[] = {0, 0, 5, 2, 0, 5, 0, 3, 5};
+    const double k = 1.0 / 6.0;
+    const TriangleAccel flatRecord{0x80000000u | (2u << 4) | (0u << 2) | 1u,
+                                   0.0f, 5.0f, 0.0f, 0.0f, 3.0f,
+                                   float(2.0 * k), float(-3.0 * k), 0.0f, float(-3.0 * k)};
+    ASSERT_EQ(vlkrTriangleAccelInit(&r, flatZ, tri, 1), vlkStatusOk);
+    EXPECT_EQ(wordsOf(r), wordsOf(flatRecord));
+
+    // N = (1, 1, 0) up to scale: |N.x| = |N.y| > |N.z| keeps x.
+    const float tieXY[] = {0, 0, 0, 1, -1, 0, 0, 0, 1};
+    ASSERT_EQ(vlkrTriangleAccelInit(&r, tieXY, tri, 1), vlkStatusOk);
+    EXPECT_EQ(r.axes, (0u << 4) | (1u << 2) | 2u);
 }
 
 }  // namespace

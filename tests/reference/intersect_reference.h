@@ -2,6 +2,7 @@
 // Through a one-leaf tree the library must match it exactly; through any tree, in what it finds.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -50,31 +51,21 @@ inline bool boxSegment(const float box[6], const float o[3], const float d[3], f
     return true;
 }
 
-inline RefHit nearest(const float box[6], const std::vector<TriangleAccel>& accel,
-                      const float o[3], const float d[3], float maxDist)
+// The nearest hit closer than `best` in index order, or with `first` the first such hit, among
+// the triangles not in `skip`.
+inline RefHit scan(const std::vector<TriangleAccel>& accel, const float o[3], const float d[3],
+                   float best, bool first = false, const std::vector<int>& skip = {})
 {
     RefHit h;
-    if (!boxSegment(box, o, d, maxDist)) return h;
-    float best = maxDist;
-    for (int n = 0; n < int(accel.size()); ++n) {
+    for (int n = 0; n < int(accel.size()) && !(first && h.hit); ++n) {
         float t, p, q;
-        if (rayTriangle(accel[n], o, d, best, t, p, q)) {
+        if (std::find(skip.begin(), skip.end(), n) == skip.end() &&
+            rayTriangle(accel[n], o, d, best, t, p, q)) {
             h = {true, t, p, q, n};
             best = t;
         }
     }
     return h;
-}
-
-// The first triangle in index order hit with 0 < t < 1, or -1.
-inline int firstOccluder(const std::vector<TriangleAccel>& accel, const float o[3],
-                         const float d[3])
-{
-    for (int n = 0; n < int(accel.size()); ++n) {
-        float t, p, q;
-        if (rayTriangle(accel[n], o, d, 1.0f, t, p, q)) return n;
-    }
-    return -1;
 }
 
 }  // namespace vlkr::reference

@@ -1,5 +1,6 @@
 // Spherical harmonics: state block layout and tables, both evaluation methods against a
 // double-precision oracle, band slices, check order, and the transforms.
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -17,24 +18,26 @@ namespace {
 using vlkr::test::bitsOf;
 using vlkr::test::floatOf;
 
-// A state block in 16-byte-aligned storage, sized by the library.
+// A state block in 16-byte-aligned storage filled with 0xAB, sized by the library.
 struct State {
-    std::vector<std::uint64_t> storage;
-    SHContext* ctx = nullptr;
+    alignas(16) unsigned char storage[2048];  // the largest block is 1888 bytes
+    SHContext* ctx = reinterpret_cast<SHContext*>(storage);
     int size = 0;
     State(int maxL, int type)
     {
+        std::memset(storage, 0xAB, sizeof storage);
         EXPECT_EQ(vlkrSHGetSize_32f(maxL, type, &size), vlkStatusOk);
-        storage.assign(size / 8 + 4, 0xABABABABABABABABull);
-        ctx = reinterpret_cast<SHContext*>(
-            (reinterpret_cast<std::uintptr_t>(storage.data()) + 15) & ~std::uintptr_t(15));
         EXPECT_EQ(vlkrSHInit_32f(ctx, maxL, type), vlkStatusOk);
     }
 };
 
 struct Directions {
     std::vector<float> x, y, z;
-    std::size_t size() const { return x.size(); }
+    int size() const { return int(x.size()); }
+    void add(double a, double b, double c)
+    {
+        x.push_back(float(a)), y.push_back(float(b)), z.push_back(float(c));
+    }
 };
 
 // Random unit directions plus the poles, the axes and a few diagonals.
@@ -43,13 +46,13 @@ Directions directions(int count, unsigned seed)
     Directions d;
     const float fixed[][3] = {{0, 0, 1}, {0, 0, -1}, {1, 0, 0}, {-1, 0, 0}, {0, 1, 0},
                               {0, -1, 0}, {0.6f, 0.8f, 0}, {0, 0.6f, -0.8f}};
-    for (const auto& f : fixed) d.x.push_back(f[0]), d.y.push_back(f[1]), d.z.push_back(f[2]);
+    for (const auto& f : fixed) d.add(f[0], f[1], f[2]);
     std::mt19937 rng(seed);
     std::normal_distribution<double> g;
-    while (int(d.size()) < count) {
+    while (d.size() < count) {
         const double v[3] = {g(rng), g(rng), g(rng)};
         const double n = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
-        d.x.push_back(float(v[0] / n)), d.y.push_back(float(v[1] / n)), d.z.push_back(float(v[2] / n));
+        d.add(v[0] / n, v[1] / n, v[2] / n);
     }
     return d;
 }
@@ -57,14 +60,14 @@ Directions directions(int count, unsigned seed)
 std::vector<float> evaluate(const Directions& d, int L, const SHContext* ctx)
 {
     std::vector<float> out(d.size() * (L + 1) * (L + 1));
-    EXPECT_EQ(vlkrSH_32f(d.x.data(), d.y.data(), d.z.data(), int(d.size()), out.data(), L, ctx),
+    EXPECT_EQ(vlkrSH_32f(d.x.data(), d.y.data(), d.z.data(), d.size(), out.data(), L, ctx),
               vlkStatusOk);
     return out;
 }
 
 // ------------------------------------------------------------------ state block
 
-TEST(SHState, SizesOfBothKinds)
+TEST(SHState, SizesOfBothKindsAndTheDirectBlock)
 {
     int size = -1;
     const struct {
@@ -81,10 +84,7 @@ TEST(SHState, SizesOfBothKinds)
     }
     EXPECT_EQ(vlkrSHGetSize_32f(3, 1, nullptr), vlkStatusNullPtr);
     EXPECT_EQ(vlkrSHInit_32f(nullptr, 3, 1), vlkStatusNullPtr);
-}
 
-TEST(SHState, DirectBlockIsSixteenBytes)
-{
     std::uint64_t block[4] = {~0ull, ~0ull, ~0ull, ~0ull};
     auto* ctx = reinterpret_cast<SHContext*>(block);
     ASSERT_EQ(vlkrSHInit_32f(ctx, 9, SHTypeDirect), vlkStatusOk);
@@ -100,15 +100,13 @@ TEST(SHState, RecurrenceTablesAreAlignedZeroFilledAndExact)
 {
     for (int maxL : {0, 1, 2, 7, 15, 20}) {
         State s(maxL, SHTypeRecurrence);
-        const auto base = reinterpret_cast<std::uintptr_t>(s.ctx);
+        const float *A = s.ctx->coefA, *B = s.ctx->coefB;
         const std::size_t n = std::size_t(maxL + 1) * (maxL + 2) / 2;
-        const auto a = reinterpret_cast<std::uintptr_t>(s.ctx->coefA);
-        const auto b = reinterpret_cast<std::uintptr_t>(s.ctx->coefB);
+        const auto base = reinterpret_cast<std::uintptr_t>(s.ctx);
+        const auto a = reinterpret_cast<std::uintptr_t>(A), b = reinterpret_cast<std::uintptr_t>(B);
         EXPECT_EQ(a, (base + 24 + 15) & ~std::uintptr_t(15));
         EXPECT_EQ(b, (a + 4 * n + 15) & ~std::uintptr_t(15));
         EXPECT_LE(b + 4 * n, base + s.size);
-        const float* A = s.ctx->coefA;
-        const float* B = s.ctx->coefB;
         EXPECT_EQ(bitsOf(A[0]), 0x3E906EBBu);
         EXPECT_EQ(bitsOf(A[1]), 0x3EFA2A1Du);
         EXPECT_EQ(bitsOf(A[2]), 0xBEFA2A1Du);
@@ -117,15 +115,14 @@ TEST(SHState, RecurrenceTablesAreAlignedZeroFilledAndExact)
             EXPECT_EQ(*reinterpret_cast<const std::uint32_t*>(p), 0u);
         for (int i = 0; i < 3 && std::size_t(i) < n; ++i) EXPECT_EQ(bitsOf(B[i]), 0u);
         for (int l = 2; l <= maxL; ++l) {
-            const float* ar = A + l * (l + 1) / 2;
-            const float* br = B + l * (l + 1) / 2;
+            const float *ar = A + l * (l + 1) / 2, *br = B + l * (l + 1) / 2;
             EXPECT_EQ(ar[0], float(std::sqrt(double(4 * l * l - 1)) / l)) << l;
-            for (int m = 1; m <= l - 2; ++m)
-                EXPECT_EQ(ar[m], std::sqrt(float(4 * l * l - 1) / float(l * l - m * m))) << l;
             EXPECT_EQ(ar[l - 1], float(std::sqrt(double(2 * l + 1))));
             EXPECT_EQ(ar[l], float(-std::sqrt((2.0 * l + 1) / (2.0 * l))));
-            EXPECT_EQ(br[0], float((1.0 / l - 1.0) * std::sqrt(double(float(2 * l + 1) / float(2 * l - 3)))));
+            const double b0 = std::sqrt(double(float(2 * l + 1) / float(2 * l - 3)));
+            EXPECT_EQ(br[0], float((1.0 / l - 1.0) * b0));
             for (int m = 1; m <= l - 2; ++m) {
+                EXPECT_EQ(ar[m], std::sqrt(float(4 * l * l - 1) / float(l * l - m * m))) << l;
                 const float q = float((2 * l + 1) * ((l - 1) * (l - 1) - m * m)) /
                                 float((2 * l - 3) * (l * l - m * m));
                 EXPECT_EQ(br[m], float(-std::sqrt(double(q)))) << l << " " << m;
@@ -138,64 +135,15 @@ TEST(SHState, RecurrenceTablesAreAlignedZeroFilledAndExact)
 
 // ------------------------------------------------------------------ evaluation
 
-TEST(SHBasis, BothMethodsMatchTheOracleInEveryBand)
-{
-    const Directions d = directions(400, 7);
-    State direct(15, SHTypeDirect), rec(15, SHTypeRecurrence);
-    const auto a = evaluate(d, 15, direct.ctx);
-    const auto b = evaluate(d, 15, rec.ctx);
-    double worst[2][16] = {};
-    for (std::size_t i = 0; i < d.size(); ++i) {
-        const auto want = vlkr::reference::realHarmonics(d.x[i], d.y[i], d.z[i], 15);
-        for (int k = 0; k < 256; ++k) {
-            const int l = int(std::sqrt(double(k)));
-            worst[0][l] = std::max(worst[0][l], std::fabs(a[i * 256 + k] - want[k]));
-            worst[1][l] = std::max(worst[1][l], std::fabs(b[i * 256 + k] - want[k]));
-        }
-    }
-    for (int l = 0; l < 16; ++l) {
-        // The oracle normalises; the methods take the float direction as given, whose length
-        // is 1 only to float rounding, which band 15 magnifies to a few 1e-6.
-        EXPECT_LT(worst[0][l], 4e-6) << "direct, band " << l;
-        EXPECT_LT(worst[1][l], 1e-5) << "recurrence, band " << l;
-    }
-    for (int l = 0; l < 16; ++l)
-        std::printf("band %2d: max error direct %.2e, recurrence %.2e\n", l, worst[0][l], worst[1][l]);
-}
-
-TEST(SHBasis, FirstBandsHaveTheirExactForms)
-{
-    const Directions d = directions(200, 8);
-    State s(2, SHTypeDirect);
-    const auto out = evaluate(d, 2, s.ctx);
-    for (std::size_t i = 0; i < d.size(); ++i) {
-        const double x = d.x[i], y = d.y[i], z = d.z[i];
-        const float z2 = d.z[i] * d.z[i], x2y2 = d.x[i] * d.x[i] - d.y[i] * d.y[i];
-        const float want[9] = {floatOf(0x3E906EBBu),
-                               float(-0.4886025119029199 * y),
-                               float(0.4886025119029199 * z),
-                               float(-0.4886025119029199 * x),
-                               float(1.0925484305920792 * x * y),
-                               float(-1.0925484305920792 * y * z),
-                               float(0.31539156525252005 * (3.0 * z2 - 1.0)),
-                               float(-1.0925484305920792 * x * z),
-                               float(0.5462742152960396 * x2y2)};
-        for (int k = 0; k < 9; ++k) EXPECT_NEAR(out[i * 9 + k], want[k], 1.2e-7) << i << " " << k;
-        EXPECT_EQ(bitsOf(out[i * 9]), 0x3E906EBBu);
-    }
-}
-
 // The recurrence with the block's own tables, written out in the defining operand order.
 void recurrenceByHand(float x, float y, float z, int L, const SHContext& s, float* out)
 {
-    const float* A = s.coefA;
-    const float* B = s.coefB;
+    const float *A = s.coefA, *B = s.coefB;
     out[0] = A[0];
     if (L == 0) return;
     out[1] = A[2] * y, out[2] = A[1] * z, out[3] = A[2] * x;
     for (int l = 2; l <= L; ++l) {
-        const float* a = A + l * (l + 1) / 2;
-        const float* b = B + l * (l + 1) / 2;
+        const float *a = A + l * (l + 1) / 2, *b = B + l * (l + 1) / 2;
         auto P = [&](int m) { return out[(l - 1) * (l - 1) + (l - 1) + m]; };
         auto Q = [&](int m) { return out[(l - 2) * (l - 2) + (l - 2) + m]; };
         auto R = [&](int m) -> float& { return out[l * l + l + m]; };
@@ -204,55 +152,48 @@ void recurrenceByHand(float x, float y, float z, int L, const SHContext& s, floa
         R(-l) = (y * C + x * S) * a[l];
         R(l - 1) = a[l - 1] * z * C;
         R(-(l - 1)) = a[l - 1] * z * S;
-        R(0) = a[0] * z * P(0) + b[0] * Q(0);
-        for (int k = 1; k <= l - 2; ++k) {
-            R(k) = a[k] * z * P(k) + b[k] * Q(k);
-            R(-k) = a[k] * z * P(-k) + b[k] * Q(-k);
-        }
+        for (int m = 2 - l; m <= l - 2; ++m)
+            R(m) = a[std::abs(m)] * z * P(m) + b[std::abs(m)] * Q(m);
     }
 }
 
-TEST(SHBasis, RecurrenceFollowsItsOperandOrderBitForBit)
+TEST(SHBasis, OracleOperandOrderAndBandSlices)
 {
-    const Directions d = directions(301, 9);  // not a multiple of four
-    State s(15, SHTypeRecurrence);
-    for (int L : {0, 1, 2, 7, 15}) {
-        const auto out = evaluate(d, L, s.ctx);
+    // Both methods against the oracle: the direct one to float rounding, the recurrence, whose
+    // rounding grows from band to band, to 2e-7 per band. The recurrence follows its operand
+    // order bit for bit at every order, and each band alone is bit for bit its slice of the
+    // direct method.
+    const Directions d = directions(401, 7);  // not a multiple of four
+    State direct(15, SHTypeDirect), rec(15, SHTypeRecurrence);
+    const std::vector<float> got[2] = {evaluate(d, 15, direct.ctx), evaluate(d, 15, rec.ctx)};
+    for (int i = 0; i < d.size(); ++i) {
+        const auto want = vlkr::reference::realHarmonics(d.x[i], d.y[i], d.z[i], 15);
+        for (int k = 0; k < 256; ++k) {
+            ASSERT_NEAR(got[0][i * 256 + k], want[k], 1.2e-7) << "direct, " << i << ", " << k;
+            ASSERT_NEAR(got[1][i * 256 + k], want[k], (int(std::sqrt(k)) + 1) * 2e-7)
+                << "recurrence, direction " << i << ", " << k;
+        }
+    }
+    for (int L = 0; L <= 15; ++L) {
+        const auto out = evaluate(d, L, rec.ctx);
         const int count = (L + 1) * (L + 1);
-        std::vector<float> want(count);
-        for (std::size_t i = 0; i < d.size(); ++i) {
-            recurrenceByHand(d.x[i], d.y[i], d.z[i], L, *s.ctx, want.data());
+        std::vector<float> want(count), band(d.size() * (2 * L + 1));
+        ASSERT_EQ(vlkrSHBand_32f(d.x.data(), d.y.data(), d.z.data(), d.size(), band.data(), L),
+                  vlkStatusOk);
+        for (int i = 0; i < d.size(); ++i) {
+            recurrenceByHand(d.x[i], d.y[i], d.z[i], L, *rec.ctx, want.data());
             for (int k = 0; k < count; ++k)
                 ASSERT_EQ(bitsOf(out[i * count + k]), bitsOf(want[k])) << L << " " << i << " " << k;
+            for (int m = 0; m <= 2 * L; ++m)
+                ASSERT_EQ(bitsOf(band[i * (2 * L + 1) + m]), bitsOf(got[0][i * 256 + L * L + m]));
         }
     }
 }
 
-TEST(SHBasis, MethodsAgreeAndBandsEqualTheirSlices)
+TEST(SHChecks, OrderOfChecksAndNothingWritten)
 {
-    const Directions d = directions(100, 10);
-    State direct(15, SHTypeDirect), rec(15, SHTypeRecurrence);
-    const auto a = evaluate(d, 15, direct.ctx);
-    const auto b = evaluate(d, 15, rec.ctx);
-    for (std::size_t k = 0; k < a.size(); ++k) EXPECT_NEAR(a[k], b[k], 2e-5) << k;
-    for (int L = 0; L <= 15; ++L) {
-        std::vector<float> band(d.size() * (2 * L + 1));
-        ASSERT_EQ(vlkrSHBand_32f(d.x.data(), d.y.data(), d.z.data(), int(d.size()), band.data(), L),
-                  vlkStatusOk);
-        for (std::size_t i = 0; i < d.size(); ++i)
-            for (int m = 0; m <= 2 * L; ++m)
-                ASSERT_EQ(bitsOf(band[i * (2 * L + 1) + m]), bitsOf(a[i * 256 + L * L + m]));
-    }
-    const float y[1] = {1}, zero[1] = {0};
-    float out[4];
-    ASSERT_EQ(vlkrSH_32f(zero, y, zero, 1, out, 1, rec.ctx), vlkStatusOk);
-    EXPECT_EQ(bitsOf(out[1]), 0xBEFA2A1Du);
-}
-
-TEST(SHChecks, OrderOfChecks)
-{
-    State rec(20, SHTypeRecurrence), direct(3, SHTypeDirect);
-    const float v[1] = {0};
+    State rec(20, SHTypeRecurrence), small(3, SHTypeRecurrence), direct(3, SHTypeDirect);
+    const float v[2] = {0, 1};
     float out[300];
     std::fill(out, out + 300, 7.0f);
     EXPECT_EQ(vlkrSH_32f(nullptr, v, v, 1, out, 1, rec.ctx), vlkStatusNullPtr);
@@ -267,11 +208,33 @@ TEST(SHChecks, OrderOfChecks)
     EXPECT_EQ(vlkrSHBand_32f(v, v, v, 0, out, 15), vlkStatusSize);
     EXPECT_EQ(vlkrSHBand_32f(v, v, v, -3, out, 15), vlkStatusOk);
     EXPECT_EQ(vlkrSHBand_32f(v, nullptr, v, 1, out, 15), vlkStatusNullPtr);
+
+    // The transforms: a null channel anywhere, then count, then order.
+    float c0[16], c1[16], c2[16];
+    std::fill(c0, c0 + 16, 7.0f);
+    float* coeffs[3] = {c0, c1, nullptr};
+    const float* in[3] = {c0, c1, c2};
+    float* dst[3] = {out, out + 2, nullptr};
+    EXPECT_EQ(vlkrSHTFwd_32f_C3P3I(v, v, v, v, 2, coeffs, 3, small.ctx), vlkStatusNullPtr);
+    EXPECT_EQ(vlkrSHTFwd_32f_P3I(v, v, v, in, 2, coeffs, 3, small.ctx), vlkStatusNullPtr);
+    EXPECT_EQ(vlkrSHTInv_32f_P3(in, 3, v, v, v, dst, 2, small.ctx), vlkStatusNullPtr);
+    EXPECT_EQ(vlkrSHTFwd_32f_C1I(v, v, v, v, 0, c0, 99, small.ctx), vlkStatusSize);
+    EXPECT_EQ(vlkrSHTFwd_32f_C1I(v, v, v, v, -1, c0, 4, small.ctx), vlkStatusAlgType);
+    EXPECT_EQ(vlkrSHTFwd_32f_C1I(v, v, v, v, -1, c0, 3, small.ctx), vlkStatusOk);
+    EXPECT_EQ(vlkrSHTInv_32f_C1(c0, 3, v, v, v, out, -1, small.ctx), vlkStatusOk);
+    EXPECT_EQ(vlkrSHTInv_32f_C1(c0, 16, v, v, v, out, 1, rec.ctx), vlkStatusAlgType)
+        << "band 15 at most";
+    for (float f : c0) EXPECT_EQ(f, 7.0f);
     for (float f : out) ASSERT_EQ(f, 7.0f);
+
     EXPECT_EQ(vlkrSH_32f(v, v, v, 1, out, 0, rec.ctx), vlkStatusOk);
     EXPECT_EQ(bitsOf(out[0]), 0x3E906EBBu);
     EXPECT_EQ(out[1], 7.0f) << "band 0 writes one float";
     EXPECT_EQ(vlkrSH_32f(v, v, v, 1, out, 15, rec.ctx), vlkStatusOk);
+    const float zeros[16] = {};
+    EXPECT_EQ(vlkrSHTInv_32f_C1(zeros, 3, v, v, v, out, 2, small.ctx), vlkStatusOk);
+    EXPECT_EQ(out[0], 0.0f);
+    EXPECT_EQ(out[1], 0.0f);
 }
 
 // ------------------------------------------------------------------ transforms
@@ -280,109 +243,51 @@ TEST(SHTransform, ForwardAccumulatesAndScalesExactly)
 {
     State s(1, SHTypeDirect);
     const float x[1] = {0}, y[1] = {0}, z[1] = {1}, one[1] = {1}, zero[1] = {0};
-    float coeffs[4] = {0, 0, 0, 0};
-    ASSERT_EQ(vlkrSHTFwd_32f_C1I(x, y, z, one, 1, coeffs, 1, s.ctx), vlkStatusOk);
-    EXPECT_EQ(bitsOf(coeffs[0]), 0x3E906EBBu);
-    EXPECT_EQ(coeffs[1], 0.0f);
-    EXPECT_EQ(coeffs[2], float(0.4886025119029199));
-    EXPECT_EQ(coeffs[3], 0.0f);
-    ASSERT_EQ(vlkrSHTFwd_32f_C1I(x, y, z, one, 1, coeffs, 1, s.ctx), vlkStatusOk);
-    EXPECT_EQ(coeffs[0], 2 * floatOf(0x3E906EBBu));
-    ASSERT_EQ(vlkrSHTFwd_32f_C1I(x, y, z, zero, 1, coeffs, 1, s.ctx), vlkStatusOk);
-    EXPECT_EQ(coeffs[0], 2 * floatOf(0x3E906EBBu));
+    const float y00 = floatOf(0x3E906EBBu), y10 = float(0.4886025119029199);
+    std::vector<float> coeffs(4, 0.0f);
+    ASSERT_EQ(vlkrSHTFwd_32f_C1I(x, y, z, one, 1, coeffs.data(), 1, s.ctx), vlkStatusOk);
+    EXPECT_EQ(coeffs, (std::vector<float>{y00, 0.0f, y10, 0.0f}));
+    ASSERT_EQ(vlkrSHTFwd_32f_C1I(x, y, z, one, 1, coeffs.data(), 1, s.ctx), vlkStatusOk);
+    ASSERT_EQ(vlkrSHTFwd_32f_C1I(x, y, z, zero, 1, coeffs.data(), 1, s.ctx), vlkStatusOk);
+    EXPECT_EQ(coeffs, (std::vector<float>{2 * y00, 0.0f, 2 * y10, 0.0f}));
 }
 
 TEST(SHTransform, ThreeChannelFormsEqualThreeSingleCalls)
 {
     const Directions d = directions(77, 11);
+    const float *x = d.x.data(), *y = d.y.data(), *z = d.z.data();
+    const int n = d.size(), count = 64;
     State s(7, SHTypeRecurrence);
-    const int n = int(d.size()), count = 64;
     std::mt19937 rng(3);
     std::uniform_real_distribution<float> val(-2, 2);
-    std::vector<float> planes[3], interleaved(3 * n);
+    // Per channel: the samples, their coefficients by the one-channel, C3P3I and P3I forward
+    // forms, and the P3 inverse of the first.
+    std::vector<float> planes[3], single[3], viaC3[3], viaP3[3], back[3];
+    std::vector<float> interleaved(3 * n), one(n);
+    float *c3[3], *p3[3], *dst[3];
+    const float *src[3], *coeffs[3];
     for (int c = 0; c < 3; ++c) {
-        planes[c].resize(n);
+        planes[c].resize(n), back[c].resize(n);
         for (int i = 0; i < n; ++i) interleaved[3 * i + c] = planes[c][i] = val(rng);
-    }
-    std::vector<float> single[3], viaC3[3], viaP3[3];
-    for (int c = 0; c < 3; ++c) {
         single[c].assign(count, 0.5f), viaC3[c].assign(count, 0.5f), viaP3[c].assign(count, 0.5f);
-        vlkrSHTFwd_32f_C1I(d.x.data(), d.y.data(), d.z.data(), planes[c].data(), n, single[c].data(),
-                           7, s.ctx);
+        vlkrSHTFwd_32f_C1I(x, y, z, planes[c].data(), n, single[c].data(), 7, s.ctx);
+        c3[c] = viaC3[c].data(), p3[c] = viaP3[c].data(), dst[c] = back[c].data();
+        src[c] = planes[c].data(), coeffs[c] = single[c].data();
     }
-    float* c3[3] = {viaC3[0].data(), viaC3[1].data(), viaC3[2].data()};
-    float* p3[3] = {viaP3[0].data(), viaP3[1].data(), viaP3[2].data()};
-    const float* src[3] = {planes[0].data(), planes[1].data(), planes[2].data()};
-    ASSERT_EQ(vlkrSHTFwd_32f_C3P3I(d.x.data(), d.y.data(), d.z.data(), interleaved.data(), n, c3, 7, s.ctx),
-              vlkStatusOk);
-    ASSERT_EQ(vlkrSHTFwd_32f_P3I(d.x.data(), d.y.data(), d.z.data(), src, n, p3, 7, s.ctx), vlkStatusOk);
-    for (int c = 0; c < 3; ++c)
+    ASSERT_EQ(vlkrSHTFwd_32f_C3P3I(x, y, z, interleaved.data(), n, c3, 7, s.ctx), vlkStatusOk);
+    ASSERT_EQ(vlkrSHTFwd_32f_P3I(x, y, z, src, n, p3, 7, s.ctx), vlkStatusOk);
+    ASSERT_EQ(vlkrSHTInv_32f_P3(coeffs, 7, x, y, z, dst, n, s.ctx), vlkStatusOk);
+    ASSERT_EQ(vlkrSHTInv_32f_P3C3(coeffs, 7, x, y, z, interleaved.data(), n, s.ctx), vlkStatusOk);
+    for (int c = 0; c < 3; ++c) {
         for (int k = 0; k < count; ++k) {
             EXPECT_EQ(bitsOf(viaC3[c][k]), bitsOf(single[c][k]));
             EXPECT_EQ(bitsOf(viaP3[c][k]), bitsOf(single[c][k]));
         }
-
-    // Inverse: the three-channel forms equal three one-channel calls.
-    const float* coeffs[3] = {single[0].data(), single[1].data(), single[2].data()};
-    std::vector<float> one(n), p[3], inter(3 * n);
-    float* dst[3];
-    for (int c = 0; c < 3; ++c) p[c].resize(n), dst[c] = p[c].data();
-    ASSERT_EQ(vlkrSHTInv_32f_P3(coeffs, 7, d.x.data(), d.y.data(), d.z.data(), dst, n, s.ctx), vlkStatusOk);
-    ASSERT_EQ(vlkrSHTInv_32f_P3C3(coeffs, 7, d.x.data(), d.y.data(), d.z.data(), inter.data(), n, s.ctx),
-              vlkStatusOk);
-    for (int c = 0; c < 3; ++c) {
-        vlkrSHTInv_32f_C1(coeffs[c], 7, d.x.data(), d.y.data(), d.z.data(), one.data(), n, s.ctx);
+        vlkrSHTInv_32f_C1(coeffs[c], 7, x, y, z, one.data(), n, s.ctx);
         for (int i = 0; i < n; ++i) {
-            EXPECT_EQ(bitsOf(p[c][i]), bitsOf(one[i]));
-            EXPECT_EQ(bitsOf(inter[3 * i + c]), bitsOf(one[i]));
+            EXPECT_EQ(bitsOf(back[c][i]), bitsOf(one[i]));
+            EXPECT_EQ(bitsOf(interleaved[3 * i + c]), bitsOf(one[i]));
         }
-    }
-}
-
-TEST(SHTransform, ChecksWriteNothing)
-{
-    State s(3, SHTypeRecurrence);
-    const float v[2] = {0, 1};
-    float c0[16], c1[16], c2[16], out[6];
-    std::fill(c0, c0 + 16, 9.0f), std::fill(out, out + 6, 9.0f);
-    float* coeffs[3] = {c0, c1, nullptr};
-    const float* in[3] = {c0, c1, c2};
-    float* dst[3] = {out, out + 2, nullptr};
-    EXPECT_EQ(vlkrSHTFwd_32f_C3P3I(v, v, v, v, 2, coeffs, 3, s.ctx), vlkStatusNullPtr);
-    EXPECT_EQ(vlkrSHTFwd_32f_P3I(v, v, v, in, 2, coeffs, 3, s.ctx), vlkStatusNullPtr);
-    EXPECT_EQ(vlkrSHTInv_32f_P3(in, 3, v, v, v, dst, 2, s.ctx), vlkStatusNullPtr);
-    EXPECT_EQ(vlkrSHTFwd_32f_C1I(v, v, v, v, 0, c0, 99, s.ctx), vlkStatusSize);
-    EXPECT_EQ(vlkrSHTFwd_32f_C1I(v, v, v, v, -1, c0, 4, s.ctx), vlkStatusAlgType);
-    EXPECT_EQ(vlkrSHTFwd_32f_C1I(v, v, v, v, -1, c0, 3, s.ctx), vlkStatusOk);
-    EXPECT_EQ(vlkrSHTInv_32f_C1(c0, 3, v, v, v, out, -1, s.ctx), vlkStatusOk);
-    State big(20, SHTypeRecurrence);
-    EXPECT_EQ(vlkrSHTInv_32f_C1(c0, 16, v, v, v, out, 1, big.ctx), vlkStatusAlgType) << "band 15 at most";
-    for (float f : c0) EXPECT_EQ(f, 9.0f);
-    for (float f : out) EXPECT_EQ(f, 9.0f);
-    const float zeros[16] = {};
-    EXPECT_EQ(vlkrSHTInv_32f_C1(zeros, 3, v, v, v, out, 2, s.ctx), vlkStatusOk);
-    EXPECT_EQ(out[0], 0.0f);
-    EXPECT_EQ(out[1], 0.0f);
-}
-
-// Gauss-Legendre nodes and weights on [-1, 1] by Newton's method on P_n.
-void gaussLegendre(int n, std::vector<double>& nodes, std::vector<double>& weights)
-{
-    for (int i = 0; i < n; ++i) {
-        double x = std::cos(M_PI * (i + 0.75) / (n + 0.5)), dp = 0;
-        for (int iter = 0; iter < 100; ++iter) {
-            double p0 = 1, p1 = x;
-            for (int k = 2; k <= n; ++k) {
-                const double p2 = ((2 * k - 1) * x * p1 - (k - 1) * p0) / k;
-                p0 = p1, p1 = p2;
-            }
-            dp = n * (x * p1 - p0) / (x * x - 1);
-            const double dx = p1 / dp;
-            x -= dx;
-            if (std::fabs(dx) < 1e-15) break;
-        }
-        nodes.push_back(x);
-        weights.push_back(2 / ((1 - x * x) * dp * dp));
     }
 }
 
@@ -390,36 +295,42 @@ TEST(SHTransform, RoundTripOfABandLimitedFunction)
 {
     for (int type : {SHTypeDirect, SHTypeRecurrence}) {
         for (int L : {4, 7, 15}) {
-            State s(15, type);
-            const int count = (L + 1) * (L + 1);
-            std::mt19937 rng(L);
-            std::uniform_real_distribution<float> val(-1, 1);
-            std::vector<float> truth(count);
-            for (float& c : truth) c = val(rng);
             // Samples on a Gauss-Legendre x uniform-longitude grid, weighted for exact
-            // quadrature of products up to degree 2L.
-            std::vector<double> nodes, weights;
-            gaussLegendre(L + 1, nodes, weights);
-            const int lon = 2 * L + 2;
+            // quadrature of products up to degree 2L; the nodes by Newton's method on P(L + 1).
+            const int count = (L + 1) * (L + 1), lon = 2 * L + 2;
             Directions d;
             std::vector<float> w;
-            for (int i = 0; i <= L; ++i)
-                for (int j = 0; j < lon; ++j) {
-                    const double z = nodes[i], r = std::sqrt(1 - z * z), phi = 2 * M_PI * j / lon;
-                    d.x.push_back(float(r * std::cos(phi))), d.y.push_back(float(r * std::sin(phi)));
-                    d.z.push_back(float(z));
-                    w.push_back(float(weights[i] * 2 * M_PI / lon));
+            for (int i = 0; i <= L; ++i) {
+                double z = std::cos(M_PI * (i + 0.75) / (L + 1.5)), dp = 0, dz = 1;
+                for (int iter = 0; iter < 100 && std::fabs(dz) >= 1e-15; ++iter) {
+                    double p0 = 1, p1 = z;  // P(k - 2) and P(k - 1) at z
+                    for (int k = 2; k <= L + 1; ++k) {
+                        const double p2 = ((2 * k - 1) * z * p1 - (k - 1) * p0) / k;
+                        p0 = p1, p1 = p2;
+                    }
+                    dp = (L + 1) * (z * p1 - p0) / (z * z - 1);
+                    dz = p1 / dp;
+                    z -= dz;
                 }
-            const int n = int(d.size());
-            std::vector<float> f(n), weighted(n), back(count, 0.0f);
-            ASSERT_EQ(vlkrSHTInv_32f_C1(truth.data(), L, d.x.data(), d.y.data(), d.z.data(), f.data(), n,
-                                        s.ctx),
+                for (int j = 0; j < lon; ++j) {
+                    const double r = std::sqrt(1 - z * z), phi = 2 * M_PI * j / lon;
+                    d.add(r * std::cos(phi), r * std::sin(phi), z);
+                    w.push_back(float(2 / ((1 - z * z) * dp * dp) * 2 * M_PI / lon));
+                }
+            }
+            State s(15, type);
+            std::mt19937 rng(L);
+            std::uniform_real_distribution<float> val(-1, 1);
+            std::vector<float> truth(count), back(count, 0.0f), f(d.size());
+            for (float& c : truth) c = val(rng);
+            const float *x = d.x.data(), *y = d.y.data(), *z = d.z.data();
+            ASSERT_EQ(vlkrSHTInv_32f_C1(truth.data(), L, x, y, z, f.data(), d.size(), s.ctx),
                       vlkStatusOk);
-            for (int i = 0; i < n; ++i) weighted[i] = f[i] * w[i];
-            ASSERT_EQ(vlkrSHTFwd_32f_C1I(d.x.data(), d.y.data(), d.z.data(), weighted.data(), n,
-                                         back.data(), L, s.ctx),
+            for (int i = 0; i < d.size(); ++i) f[i] *= w[i];
+            ASSERT_EQ(vlkrSHTFwd_32f_C1I(x, y, z, f.data(), d.size(), back.data(), L, s.ctx),
                       vlkStatusOk);
-            for (int k = 0; k < count; ++k) EXPECT_NEAR(back[k], truth[k], 1e-4) << type << " " << L << " " << k;
+            for (int k = 0; k < count; ++k)
+                EXPECT_NEAR(back[k], truth[k], 1e-4) << type << " " << L << " " << k;
         }
     }
 }

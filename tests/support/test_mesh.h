@@ -1,11 +1,15 @@
-// Seeded random meshes and bit-pattern helpers shared by the ray-tracing tests.
+// Seeded random meshes, bit-pattern helpers and a ready-to-trace scene, shared by the
+// ray-tracing tests.
 #pragma once
 
-#include <cstdint>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <random>
+#include <stdexcept>
 #include <vector>
+
+#include "vlkr.h"
 
 namespace vlkr::test {
 
@@ -28,6 +32,13 @@ struct Mesh {
     std::vector<int> triangles;   // four words per triangle, the fourth unused
     int vertexCount() const { return static_cast<int>(vertices.size() / 3); }
     int triangleCount() const { return static_cast<int>(triangles.size() / 4); }
+    // Appends a triangle on three corners of its own (nine floats), `unused` in its fourth word.
+    void add(const float* corners, int unused = 0)
+    {
+        const int v = vertexCount();
+        vertices.insert(vertices.end(), corners, corners + 9);
+        triangles.insert(triangles.end(), {v, v + 1, v + 2, unused});
+    }
 };
 
 // Triangles with independent random corners in [-scale, scale]^3; the unused fourth index
@@ -37,8 +48,9 @@ inline Mesh randomSoup(std::mt19937& rng, int triangleCount, float scale = 10.0f
     std::uniform_real_distribution<float> coord(-scale, scale);
     Mesh m;
     for (int t = 0; t < triangleCount; ++t) {
-        for (int k = 0; k < 9; ++k) m.vertices.push_back(coord(rng));
-        m.triangles.insert(m.triangles.end(), {3 * t, 3 * t + 1, 3 * t + 2, -12345});
+        float c[9];
+        for (float& x : c) x = coord(rng);
+        m.add(c, -12345);
     }
     return m;
 }
@@ -51,11 +63,10 @@ inline Mesh randomTerrain(std::mt19937& rng, int n)
     for (int j = 0; j <= n; ++j)
         for (int i = 0; i <= n; ++i)
             m.vertices.insert(m.vertices.end(), {float(i), height(rng), float(j)});
-    for (int j = 0; j < n; ++j)
-        for (int i = 0; i < n; ++i) {
-            const int a = j * (n + 1) + i, b = a + 1, c = a + n + 1, d = c + 1;
-            m.triangles.insert(m.triangles.end(), {a, b, c, 0, b, d, c, 0});
-        }
+    for (int q = 0; q < n * n; ++q) {
+        const int a = q / n * (n + 1) + q % n, b = a + 1, c = a + n + 1, d = c + 1;
+        m.triangles.insert(m.triangles.end(), {a, b, c, 0, b, d, c, 0});
+    }
     return m;
 }
 
@@ -67,23 +78,21 @@ inline Mesh needles(std::mt19937& rng, int count)
     Mesh m;
     for (int t = 0; t < count; ++t) {
         const float a[3] = {u(rng), u(rng), u(rng)}, b[3] = {u(rng), u(rng), u(rng)};
-        m.vertices.insert(m.vertices.end(),
-                          {a[0], a[1], a[2], b[0], b[1], b[2], a[0] + 0.1f, a[1], a[2] + 0.1f});
-        m.triangles.insert(m.triangles.end(), {3 * t, 3 * t + 1, 3 * t + 2, 0});
+        const float c[9] = {a[0], a[1], a[2], b[0], b[1], b[2], a[0] + 0.1f, a[1], a[2] + 0.1f};
+        m.add(c);
     }
     return m;
 }
 
-// A closed UV sphere of `stacks` x `slices` quads around `centre`.
+// A closed UV sphere of `stacks` x `slices` quads around the origin.
 inline Mesh sphere(int stacks, int slices, float radius = 3.0f)
 {
     Mesh m;
     for (int i = 0; i <= stacks; ++i)
         for (int j = 0; j < slices; ++j) {
             const double th = 3.14159265358979 * i / stacks, ph = 6.28318530717959 * j / slices;
-            m.vertices.insert(m.vertices.end(),
-                              {float(radius * std::sin(th) * std::cos(ph)), float(radius * std::cos(th)),
-                               float(radius * std::sin(th) * std::sin(ph))});
+            const double r = radius * std::sin(th), y = radius * std::cos(th);
+            for (double x : {r * std::cos(ph), y, r * std::sin(ph)}) m.vertices.push_back(float(x));
         }
     for (int i = 0; i < stacks; ++i)
         for (int j = 0; j < slices; ++j) {
@@ -105,9 +114,9 @@ inline Mesh axisAlignedFlats(std::mt19937& rng, int count)
     for (int t = 0; t < count; ++t) {
         const int a = axis(rng);
         const float p = float(plane(rng));
-        for (int c = 0; c < 3; ++c)
-            for (int k = 0; k < 3; ++k) m.vertices.push_back(k == a ? p : coord(rng));
-        m.triangles.insert(m.triangles.end(), {3 * t, 3 * t + 1, 3 * t + 2, 0});
+        float c[9];
+        for (int k = 0; k < 9; ++k) c[k] = k % 3 == a ? p : coord(rng);
+        m.add(c);
     }
     return m;
 }
@@ -119,18 +128,41 @@ inline void addDuplicatesAndDegenerates(std::mt19937& rng, Mesh& m, int count)
     for (int i = 0; i < count; ++i) {
         const int t = pick(rng);
         const int a = m.triangles[4 * t], b = m.triangles[4 * t + 1], c = m.triangles[4 * t + 2];
-        switch (i % 3) {
-        case 0: m.triangles.insert(m.triangles.end(), {a, b, c, 0}); break;
-        case 1: m.triangles.insert(m.triangles.end(), {a, a, c, 0}); break;
-        default: {
-            const int base = m.vertexCount();
-            for (int k = 0; k < 3; ++k)
-                for (int d = 0; d < 3; ++d)
-                    m.vertices.push_back(m.vertices[3 * a + d] * float(k + 1));
-            m.triangles.insert(m.triangles.end(), {base, base + 1, base + 2, 0});
-        }
-        }
+        float line[9];  // the corner a at one, two and three times its position
+        for (int k = 0; k < 9; ++k) line[k] = m.vertices[3 * a + k % 3] * float(k / 3 + 1);
+        if (i % 3 == 2) m.add(line);
+        if (i % 3 < 2) m.triangles.insert(m.triangles.end(), {a, i % 3 ? a : b, c, 0});
     }
 }
+
+inline vlkStatus buildTree(const Mesh& m, const KDTreeBuildContext& p, KDTreeNode** tree, int* size)
+{
+    return vlkrKDTreeBuildAlloc(tree, m.vertices.data(), m.triangles.data(), m.vertexCount(),
+                                m.triangleCount(), size, &p);
+}
+
+// A mesh with its acceleration records, bounding box and a depth-50 tree, ready to intersect.
+struct Scene {
+    Mesh mesh;
+    std::vector<TriangleAccel> accel;
+    float box[6];
+    KDTreeNode* tree = nullptr;
+    IntersectContext ctx;
+    explicit Scene(Mesh m, unsigned mode = KDTreeBuildSAH)
+        : mesh(std::move(m)), accel(mesh.triangleCount())
+    {
+        const float* v = mesh.vertices.data();
+        vlkrTriangleAccelInit(accel.data(), v, mesh.triangles.data(), mesh.triangleCount());
+        vlkrSetBoundBox_32f(v, mesh.vertexCount(), box);
+        const KDTreeBuildContext p{mode, 50, 1.0f, 256, nullptr};
+        int size = 0;
+        if (buildTree(mesh, p, &tree, &size) != vlkStatusOk)
+            throw std::runtime_error("tree build failed");
+        ctx = IntersectContext{box, accel.data(), tree};
+    }
+    Scene(const Scene&) = delete;
+    Scene& operator=(const Scene&) = delete;
+    ~Scene() { vlkrKDTreeFree(tree); }
+};
 
 }  // namespace vlkr::test
