@@ -56,7 +56,7 @@ void compareWalks(const Scene& s, const float eye[3], bool any, std::mt19937& rn
     for (int n = 0; n < (any ? 1000 : 2000); ++n) {
         const float spread = n % 2 ? 0.01f : 0.3f;
         std::uniform_real_distribution<float> jitter(-spread, spread);
-        Ray r[4];
+        Ray r[4] = {};
         float maxDist[4], target[3];
         for (int k = 0; k < 3; ++k) target[k] = box[k] + unit(rng) * (box[3 + k] - box[k]);
         int lanes = 0;
