@@ -3,6 +3,8 @@
 // negative count is nothing to do.
 #include "api.h"
 
+#include <optional>
+
 #include "basis.h"
 #include "transform.h"
 
@@ -22,6 +24,16 @@ bool anyNull3(T* const* p)
 bool orderRefused(int L, const SHContext& state)
 {
     return aboveOrder(L, unsigned(state.maxOrder)) || aboveOrder(L, kMaxBand);
+}
+
+// The checks every transform makes after its pointers: a count of 0 is an error, then the
+// order, and a negative count is nothing to do. Empty when the transform should run.
+std::optional<vlkStatus> countAndOrder(int n, int L, const SHContext& state)
+{
+    if (n == 0) return vlkStatusSize;
+    if (orderRefused(L, state)) return vlkStatusAlgType;
+    if (n < 0) return vlkStatusOk;
+    return std::nullopt;
 }
 
 }  // namespace
@@ -75,9 +87,7 @@ vlkStatus forwardC1I(const float* x, const float* y, const float* z, const float
                      float* coeffs, int L, const SHContext* state) noexcept
 {
     if (!x || !y || !z || !src || !coeffs || !state) return vlkStatusNullPtr;
-    if (n == 0) return vlkStatusSize;
-    if (orderRefused(L, *state)) return vlkStatusAlgType;
-    if (n < 0) return vlkStatusOk;
+    if (const auto status = countAndOrder(n, L, *state)) return *status;
     Channels channels;
     channels.interleaved = src;
     float* const out[1] = {coeffs};
@@ -91,9 +101,7 @@ vlkStatus forwardC3P3I(const float* x, const float* y, const float* z, const flo
     if (!x || !y || !z || !src || anyNull3(coeffs) ||
         !state)
         return vlkStatusNullPtr;
-    if (n == 0) return vlkStatusSize;
-    if (orderRefused(L, *state)) return vlkStatusAlgType;
-    if (n < 0) return vlkStatusOk;
+    if (const auto status = countAndOrder(n, L, *state)) return *status;
     Channels channels;
     channels.interleaved = src;
     channels.count = 3;
@@ -107,9 +115,7 @@ vlkStatus forwardP3I(const float* x, const float* y, const float* z, const float
     if (!x || !y || !z || anyNull3(src) ||
         anyNull3(coeffs) || !state)
         return vlkStatusNullPtr;
-    if (n == 0) return vlkStatusSize;
-    if (orderRefused(L, *state)) return vlkStatusAlgType;
-    if (n < 0) return vlkStatusOk;
+    if (const auto status = countAndOrder(n, L, *state)) return *status;
     Channels channels;
     channels.planes = src;
     channels.count = 3;
@@ -121,9 +127,7 @@ vlkStatus inverseC1(const float* coeffs, int L, const float* x, const float* y, 
                     float* dst, int n, const SHContext* state) noexcept
 {
     if (!coeffs || !x || !y || !z || !dst || !state) return vlkStatusNullPtr;
-    if (n == 0) return vlkStatusSize;
-    if (orderRefused(L, *state)) return vlkStatusAlgType;
-    if (n < 0) return vlkStatusOk;
+    if (const auto status = countAndOrder(n, L, *state)) return *status;
     const float* const in[1] = {coeffs};
     inverse(in, 1, L, x, y, z, nullptr, dst, std::size_t(n), *state);
     return vlkStatusOk;
@@ -135,9 +139,7 @@ vlkStatus inverseP3(const float* const coeffs[3], int L, const float* x, const f
     if (anyNull3(coeffs) || !x || !y || !z ||
         anyNull3(dst) || !state)
         return vlkStatusNullPtr;
-    if (n == 0) return vlkStatusSize;
-    if (orderRefused(L, *state)) return vlkStatusAlgType;
-    if (n < 0) return vlkStatusOk;
+    if (const auto status = countAndOrder(n, L, *state)) return *status;
     inverse(coeffs, 3, L, x, y, z, dst, nullptr, std::size_t(n), *state);
     return vlkStatusOk;
 }
@@ -148,9 +150,7 @@ vlkStatus inverseP3C3(const float* const coeffs[3], int L, const float* x, const
     if (anyNull3(coeffs) || !x || !y || !z || !dst ||
         !state)
         return vlkStatusNullPtr;
-    if (n == 0) return vlkStatusSize;
-    if (orderRefused(L, *state)) return vlkStatusAlgType;
-    if (n < 0) return vlkStatusOk;
+    if (const auto status = countAndOrder(n, L, *state)) return *status;
     inverse(coeffs, 3, L, x, y, z, nullptr, dst, std::size_t(n), *state);
     return vlkStatusOk;
 }
