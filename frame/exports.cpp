@@ -3,6 +3,7 @@
 
 #include "../raytrace/api.h"
 #include "../sh/api.h"
+#include "../volume/api.h"
 #include "version.h"
 
 extern "C" {
@@ -190,4 +191,84 @@ VLKR_API vlkStatus vlkrSHTInv_32f_P3C3(const float* const coeffs[3], int L, cons
     return vlkr::sh::inverseP3C3(coeffs, L, x, y, z, dst, n, state);
 }
 
+
+VLKR_API vlkStatus vlkrGetResizeCuboid(const Cuboid* srcVoi, Cuboid* dstVoi, double xFactor,
+                                       double yFactor, double zFactor, double xShift,
+                                       double yShift, double zShift, int interpolation)
+{
+    return vlkr::volume::getResizeCuboid(srcVoi, dstVoi, xFactor, yFactor, zFactor, xShift,
+                                         yShift, zShift, interpolation);
+}
+
+VLKR_API vlkStatus vlkrResizeGetBufSize(const Cuboid* srcVoi, const Cuboid* dstVoi, int nChannel,
+                                        int interpolation, int* pSize)
+{
+    return vlkr::volume::resizeGetBufSize(srcVoi, dstVoi, nChannel, interpolation, pSize);
+}
+
+VLKR_API vlkStatus vlkrResize_8u_C1V(const Vlk8u* src, const VolumeSize* srcVolume, int srcRowStep,
+                                 int srcPlaneStep, const Cuboid* srcVoi, Vlk8u* dst, int dstRowStep,
+                                 int dstPlaneStep, const Cuboid* dstVoi, double xFactor,
+                                 double yFactor, double zFactor, double xShift, double yShift,
+                                 double zShift, int interpolation, unsigned char* buffer)
+{
+    return vlkr::volume::resizeBlock(src, srcVolume, srcRowStep, srcPlaneStep, srcVoi, dst,
+                                     dstRowStep, dstPlaneStep, dstVoi, xFactor, yFactor, zFactor,
+                                     xShift, yShift, zShift, interpolation, buffer);
+}
+
+VLKR_API vlkStatus vlkrResize_8u_C1PV(const Vlk8u* const src[], const VolumeSize* srcVolume,
+                                  int srcStep, const Cuboid* srcVoi, Vlk8u* const dst[], int dstStep,
+                                  const Cuboid* dstVoi, double xFactor, double yFactor,
+                                  double zFactor, double xShift, double yShift, double zShift,
+                                  int interpolation, unsigned char* buffer)
+{
+    return vlkr::volume::resizePlanes(src, srcVolume, srcStep, srcVoi, dst, dstStep, dstVoi,
+                                      xFactor, yFactor, zFactor, xShift, yShift, zShift,
+                                      interpolation, buffer);
+}
+
+VLKR_API vlkStatus vlkrResize_16u_C1V(const Vlk16u* src, const VolumeSize* srcVolume, int srcRowStep,
+                                 int srcPlaneStep, const Cuboid* srcVoi, Vlk16u* dst, int dstRowStep,
+                                 int dstPlaneStep, const Cuboid* dstVoi, double xFactor,
+                                 double yFactor, double zFactor, double xShift, double yShift,
+                                 double zShift, int interpolation, unsigned char* buffer)
+{
+    return vlkr::volume::resizeBlock(src, srcVolume, srcRowStep, srcPlaneStep, srcVoi, dst,
+                                     dstRowStep, dstPlaneStep, dstVoi, xFactor, yFactor, zFactor,
+                                     xShift, yShift, zShift, interpolation, buffer);
+}
+
+VLKR_API vlkStatus vlkrResize_16u_C1PV(const Vlk16u* const src[], const VolumeSize* srcVolume,
+                                  int srcStep, const Cuboid* srcVoi, Vlk16u* const dst[], int dstStep,
+                                  const Cuboid* dstVoi, double xFactor, double yFactor,
+                                  double zFactor, double xShift, double yShift, double zShift,
+                                  int interpolation, unsigned char* buffer)
+{
+    return vlkr::volume::resizePlanes(src, srcVolume, srcStep, srcVoi, dst, dstStep, dstVoi,
+                                      xFactor, yFactor, zFactor, xShift, yShift, zShift,
+                                      interpolation, buffer);
+}
+
+VLKR_API vlkStatus vlkrResize_32f_C1V(const Vlk32f* src, const VolumeSize* srcVolume, int srcRowStep,
+                                 int srcPlaneStep, const Cuboid* srcVoi, Vlk32f* dst, int dstRowStep,
+                                 int dstPlaneStep, const Cuboid* dstVoi, double xFactor,
+                                 double yFactor, double zFactor, double xShift, double yShift,
+                                 double zShift, int interpolation, unsigned char* buffer)
+{
+    return vlkr::volume::resizeBlock(src, srcVolume, srcRowStep, srcPlaneStep, srcVoi, dst,
+                                     dstRowStep, dstPlaneStep, dstVoi, xFactor, yFactor, zFactor,
+                                     xShift, yShift, zShift, interpolation, buffer);
+}
+
+VLKR_API vlkStatus vlkrResize_32f_C1PV(const Vlk32f* const src[], const VolumeSize* srcVolume,
+                                  int srcStep, const Cuboid* srcVoi, Vlk32f* const dst[], int dstStep,
+                                  const Cuboid* dstVoi, double xFactor, double yFactor,
+                                  double zFactor, double xShift, double yShift, double zShift,
+                                  int interpolation, unsigned char* buffer)
+{
+    return vlkr::volume::resizePlanes(src, srcVolume, srcStep, srcVoi, dst, dstStep, dstVoi,
+                                      xFactor, yFactor, zFactor, xShift, yShift, zShift,
+                                      interpolation, buffer);
+}
 }  // extern "C"

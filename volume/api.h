@@ -1,0 +1,27 @@
+// Checked front ends of the volume operations, called by the exported entry points.
+#pragma once
+
+#include "vlkr.h"
+
+namespace vlkr::volume {
+
+vlkStatus getResizeCuboid(const Cuboid* srcVoi, Cuboid* dstVoi, double xFactor, double yFactor,
+                          double zFactor, double xShift, double yShift, double zShift,
+                          int interpolation) noexcept;
+vlkStatus resizeGetBufSize(const Cuboid* srcVoi, const Cuboid* dstVoi, int nChannel,
+                           int interpolation, int* pSize) noexcept;
+
+// T is Vlk8u, Vlk16u or Vlk32f.
+template <class T>
+vlkStatus resizeBlock(const T* src, const VolumeSize* srcVolume, int srcRowStep, int srcPlaneStep,
+                      const Cuboid* srcVoi, T* dst, int dstRowStep, int dstPlaneStep,
+                      const Cuboid* dstVoi, double xFactor, double yFactor, double zFactor,
+                      double xShift, double yShift, double zShift, int interpolation,
+                      unsigned char* buffer) noexcept;
+template <class T>
+vlkStatus resizePlanes(const T* const src[], const VolumeSize* srcVolume, int srcStep,
+                       const Cuboid* srcVoi, T* const dst[], int dstStep, const Cuboid* dstVoi,
+                       double xFactor, double yFactor, double zFactor, double xShift, double yShift,
+                       double zShift, int interpolation, unsigned char* buffer) noexcept;
+
+}  // namespace vlkr::volume

@@ -1,0 +1,133 @@
+// Row routines of the resize: the x pass that gathers source taps, the weighted blend of
+// float rows (the y and z passes), the 8u fixed-point z blend, and the nearest gather.
+#pragma once
+
+#include <emmintrin.h>
+
+#include <algorithm>
+#include <cstdint>
+
+#include "voxel.h"
+
+namespace vlkr::volume {
+
+inline int clampTap(int i, int size)
+{
+    return std::min(std::max(i, 0), size - 1);
+}
+
+// Tap positions of one axis: the first tap and kTaps weights per destination position.
+// Positions in [fastBegin, fastEnd) have all their taps inside the source; the others
+// replicate the edge voxel per tap.
+struct AxisTaps {
+    const int* first;
+    const float* weights;
+    int size;  // source voxels on the axis
+    int fastBegin;
+    int fastEnd;
+};
+
+// One x-resampled row over destination positions [begin, end).
+template <class T, class Kernel, bool kEdge>
+inline void resampleSpanX(const T* row, const AxisTaps& x, int begin, int end, float* out)
+{
+    constexpr int kTaps = Kernel::kTaps;
+    for (int p = begin; p < end; ++p) {
+        const int first = x.first[p];
+        const float* w = x.weights + p * kTaps;
+        auto tap = [&](int k) {
+            const int i = kEdge ? clampTap(first + k, x.size) : first + k;
+            return VoxelTraits<T>::load(row + i);
+        };
+        float acc = w[0] * tap(0);
+        for (int k = 1; k < kTaps; ++k) acc += w[k] * tap(k);
+        out[p] = acc;
+    }
+}
+
+template <class T, class Kernel>
+inline void resampleRowX(const T* row, const AxisTaps& x, int n, float* out)
+{
+    resampleSpanX<T, Kernel, true>(row, x, 0, x.fastBegin, out);
+    resampleSpanX<T, Kernel, false>(row, x, x.fastBegin, x.fastEnd, out);
+    resampleSpanX<T, Kernel, true>(row, x, x.fastEnd, n, out);
+}
+
+// out[i] = sum over k of rows[k][i] * w[k], summed in tap order, stored through Out's
+// conversion (float as is, integers rounded and saturated).
+template <int kTaps, class Out>
+inline void blendRows(const float* const* rows, const float* w, Out* out, int n)
+{
+    __m128 weight[kTaps];
+    for (int k = 0; k < kTaps; ++k) weight[k] = _mm_set1_ps(w[k]);
+    forEachLaneRun(n, [&](int i, auto lanes) {
+        __m128 acc = _mm_mul_ps(lanes.load(rows[0] + i), weight[0]);
+        for (int k = 1; k < kTaps; ++k)
+            acc = _mm_add_ps(acc, _mm_mul_ps(lanes.load(rows[k] + i), weight[k]));
+        lanes.store(out + i, acc);
+    });
+}
+
+// Weight of the second tap in 14-bit fixed point, t * 16384 rounded to nearest.
+constexpr int kFixedOne = 1 << 14;
+inline int fixedWeight(float t)
+{
+    return int(t * float(kFixedOne) + 0.5f);
+}
+
+// The 8u trilinear z blend, (a * (16384 - w) + b * w + half) >> 14 in integers. The in-plane
+// passes stay in float; their results enter the blend with 6 fractional bits (rounded), so
+// one pmaddwd forms both products and the only rounding of note is the final one.
+inline void blendRowsFixed(const float* a, const float* b, int w, std::uint8_t* out, int n)
+{
+    constexpr int kFractionBits = 6;
+    constexpr int kShift = 14 + kFractionBits;
+    const __m128i weights = _mm_set1_epi32((w << 16) | (kFixedOne - w));  // int16 pairs
+    const __m128i half = _mm_set1_epi32(1 << (kShift - 1));
+    const __m128 scale = _mm_set1_ps(float(1 << kFractionBits)), nearest = _mm_set1_ps(0.5f);
+    forEachLaneRun(n, [&](int i, auto lanes) {
+        // Inputs are blends of voxels with non-negative weights, so truncating v + 0.5 rounds.
+        const __m128i fa =
+            _mm_cvttps_epi32(_mm_add_ps(_mm_mul_ps(lanes.load(a + i), scale), nearest));
+        const __m128i fb =
+            _mm_cvttps_epi32(_mm_add_ps(_mm_mul_ps(lanes.load(b + i), scale), nearest));
+        const __m128i pairs = _mm_unpacklo_epi16(_mm_packs_epi32(fa, fa), _mm_packs_epi32(fb, fb));
+        const __m128i sum = _mm_add_epi32(_mm_madd_epi16(pairs, weights), half);
+        lanes.storeBytes(out + i, _mm_srai_epi32(sum, kShift));
+    });
+}
+
+// Nearest neighbour: out[p] = row[index[p]], no conversion.
+template <class T>
+inline void gatherRow(const T* row, const int* index, int n, T* out)
+{
+    for (int p = 0; p < n; ++p) storeVoxel(out + p, loadVoxel(row + index[p]));
+}
+
+// Slots of kSlots cached rows or planes, keyed by source index. A key missing from the
+// cache takes a slot whose key no tap of the current position needs; with as many slots as
+// taps there is always one.
+template <int kSlots>
+class SlotCache {
+   public:
+    SlotCache() { std::fill(key_, key_ + kSlots, -1); }
+
+    // Slot of `key`; `fresh` says whether the caller must fill it.
+    int acquire(int key, const int* needed, bool* fresh)
+    {
+        for (int s = 0; s < kSlots; ++s)
+            if (key_[s] == key) return *fresh = false, s;
+        for (int s = 0; s < kSlots; ++s) {
+            if (std::find(needed, needed + kSlots, key_[s]) == needed + kSlots) {
+                key_[s] = key;
+                return *fresh = true, s;
+            }
+        }
+        return *fresh = true, 0;  // unreachable: more distinct taps than slots
+    }
+
+   private:
+    int key_[kSlots];
+};
+
+}  // namespace vlkr::volume

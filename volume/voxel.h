@@ -1,0 +1,127 @@
+// VoxelTraits<T>: how each voxel type is read into float arithmetic and written back, four
+// lanes at a time, with the rounding bias and saturation of the integer types.
+#pragma once
+
+#include <emmintrin.h>
+
+#include <cstdint>
+#include <cstring>
+
+namespace vlkr::volume {
+
+// Float to integer voxel: truncate(v + kStoreBias) in double, saturated to the type.
+constexpr double kStoreBias = 0.5000001;
+
+// Caller rows may start at any byte address, so every voxel access goes through memcpy.
+template <class T>
+inline T loadVoxel(const T* p)
+{
+    T v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+template <class T>
+inline void storeVoxel(T* p, T v)
+{
+    std::memcpy(p, &v, sizeof v);
+}
+
+// The integer voxel types share one rounding: four floats widened to double, biased,
+// saturated, truncated. Returns the four results as 32-bit integers.
+inline __m128i roundToRange(__m128 v, double maxValue)
+{
+    const __m128d bias = _mm_set1_pd(kStoreBias);
+    const __m128d lo = _mm_setzero_pd(), hi = _mm_set1_pd(maxValue);
+    const __m128d a = _mm_add_pd(_mm_cvtps_pd(v), bias);
+    const __m128d b = _mm_add_pd(_mm_cvtps_pd(_mm_movehl_ps(v, v)), bias);
+    const __m128i ia = _mm_cvttpd_epi32(_mm_min_pd(_mm_max_pd(a, lo), hi));
+    const __m128i ib = _mm_cvttpd_epi32(_mm_min_pd(_mm_max_pd(b, lo), hi));
+    return _mm_unpacklo_epi64(ia, ib);
+}
+
+template <class T>
+struct VoxelTraits;
+
+template <>
+struct VoxelTraits<std::uint8_t> {
+    static float load(const std::uint8_t* p) { return float(*p); }
+    static void store4(std::uint8_t* p, __m128 v) { storeInts4(p, roundToRange(v, 255.0)); }
+    // Four 32-bit integers, saturated to bytes.
+    static void storeInts4(std::uint8_t* p, __m128i i)
+    {
+        const __m128i b = _mm_packus_epi16(_mm_packs_epi32(i, i), _mm_setzero_si128());
+        const std::uint32_t bytes = std::uint32_t(_mm_cvtsi128_si32(b));
+        std::memcpy(p, &bytes, 4);
+    }
+};
+
+template <>
+struct VoxelTraits<std::uint16_t> {
+    static float load(const std::uint16_t* p) { return float(loadVoxel(p)); }
+    static void store4(std::uint16_t* p, __m128 v)
+    {
+        // No unsigned 32-to-16 pack in SSE2: shift into the signed range and back.
+        const __m128i offset = _mm_set1_epi32(32768);
+        const __m128i i = _mm_sub_epi32(roundToRange(v, 65535.0), offset);
+        const __m128i h = _mm_xor_si128(_mm_packs_epi32(i, i), _mm_set1_epi16(-32768));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(p), h);
+    }
+};
+
+template <>
+struct VoxelTraits<float> {
+    static float load(const float* p) { return loadVoxel(p); }
+    static void store4(float* p, __m128 v) { _mm_storeu_ps(p, v); }  // as is, no clamping
+};
+
+// Access to a run of four lanes. FullLanes moves four elements; PartialLanes moves the
+// first `count` through a small local block, so a row's tail runs the same arithmetic as
+// its body without touching memory past the row's end.
+struct FullLanes {
+    static constexpr int count = 4;
+    static __m128 load(const float* p) { return _mm_loadu_ps(p); }
+    template <class T>
+    static void store(T* p, __m128 v)
+    {
+        VoxelTraits<T>::store4(p, v);
+    }
+    static void storeBytes(std::uint8_t* p, __m128i v)
+    {
+        VoxelTraits<std::uint8_t>::storeInts4(p, v);
+    }
+};
+
+struct PartialLanes {
+    int count;  // 1 to 3
+    __m128 load(const float* p) const
+    {
+        float lanes[4] = {0, 0, 0, 0};
+        std::memcpy(lanes, p, sizeof(float) * count);
+        return _mm_loadu_ps(lanes);
+    }
+    template <class T>
+    void store(T* p, __m128 v) const
+    {
+        T lanes[4];
+        VoxelTraits<T>::store4(lanes, v);
+        std::memcpy(p, lanes, sizeof(T) * count);
+    }
+    void storeBytes(std::uint8_t* p, __m128i v) const
+    {
+        std::uint8_t lanes[4];
+        VoxelTraits<std::uint8_t>::storeInts4(lanes, v);
+        std::memcpy(p, lanes, count);
+    }
+};
+
+// Runs body(i, lanes) over [0, n) in runs of four, the last run partial.
+template <class Body>
+inline void forEachLaneRun(int n, Body&& body)
+{
+    int i = 0;
+    for (; i + 4 <= n; i += 4) body(i, FullLanes{});
+    if (i < n) body(i, PartialLanes{n - i});
+}
+
+}  // namespace vlkr::volume
