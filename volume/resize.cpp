@@ -67,10 +67,11 @@ void nearestIndices(const ResizeAxis& axis, int* index)
     }
 }
 
-// Tap positions of one axis; `weights` (kTaps floats per position) may be null when the
-// caller forms the weights from the stored fractions itself.
+// Tap positions of one axis; `weights` (kTaps arrays of `stride` floats) may be null when
+// the caller forms the weights from the stored fractions itself.
 template <class Kernel>
-AxisTaps prepareAxis(const ResizeAxis& axis, int* first, float* fraction, float* weights)
+AxisTaps prepareAxis(const ResizeAxis& axis, int* first, float* fraction, float* weights,
+                     std::ptrdiff_t stride)
 {
     constexpr int kTaps = Kernel::kTaps;
     const int n = axis.extent();
@@ -81,14 +82,18 @@ AxisTaps prepareAxis(const ResizeAxis& axis, int* first, float* fraction, float*
         const float t = float(s - i);
         first[p] = int(i) + Kernel::kFirstTap;
         fraction[p] = t;
-        if (weights) Kernel::weights(t, weights + p * kTaps);
+        if (weights) {
+            float w[kTaps];
+            Kernel::weights(t, w);
+            for (int k = 0; k < kTaps; ++k) weights[k * stride + p] = w[k];
+        }
     }
     // Positions map monotonically, so the ones with a tap outside the source form a
     // prefix and a suffix.
     int begin = 0, end = n;
     while (begin < n && first[begin] < 0) ++begin;
     while (end > begin && first[end - 1] + kTaps > axis.size) --end;
-    return AxisTaps{first, weights, axis.size, begin, end};
+    return AxisTaps{first, weights, stride, axis.size, begin, end};
 }
 
 template <class T, template <class> class Layout>
@@ -137,10 +142,12 @@ void resamplePlane(const Layout<const T>& src, const T* plane, const AxisTaps& x
         for (int k = 0; k < kTaps; ++k) {
             bool fresh;
             float* row = s.rows + cache.acquire(keys[k], keys, &fresh) * s.rowPitch;
-            if (fresh) resampleRowX<T, Kernel>(src.row(plane, keys[k]), x, width, row);
+            if (fresh) resampleRowX<T, kTaps>(src.row(plane, keys[k]), x, width, row);
             rows[k] = row;
         }
-        blendRows<kTaps>(rows, y.weights + p * kTaps, out + p * s.planePitch, width);
+        float w[kTaps];
+        for (int k = 0; k < kTaps; ++k) w[k] = y.weight(k)[p];
+        blendRows<kTaps>(rows, w, out + p * s.planePitch, width);
     }
 }
 
@@ -155,13 +162,15 @@ void resizeSeparable(const ResizeFrame& f, const Layout<const T>& src, const Lay
     const ResizeAxis &ax = f.axis[0], &ay = f.axis[1], &az = f.axis[2];
     const int width = ax.extent(), height = ay.extent();
 
-    // Cubic weights have their own arrays; trilinear keeps its x and y weights in the spare
-    // area (2 * (width + height) floats, well inside it).
+    // Weight arrays are kTaps rows of a 16-float multiple each. Cubic weights have their own
+    // areas; trilinear keeps its x and y weights in the spare area, which holds
+    // 8 * (width + height) + 64 floats.
+    const std::ptrdiff_t xStride = (width + 15) & ~15, yStride = (height + 15) & ~15;
     float* xWeights = kCubic ? s.weights[0] : s.spare;
-    float* yWeights = kCubic ? s.weights[1] : s.spare + 2 * ((width + 15) & ~15);
-    const AxisTaps x = prepareAxis<Kernel>(ax, s.first[0], s.fraction[0], xWeights);
-    const AxisTaps y = prepareAxis<Kernel>(ay, s.first[1], s.fraction[1], yWeights);
-    const AxisTaps z = prepareAxis<Kernel>(az, s.first[2], s.fraction[2], nullptr);
+    float* yWeights = kCubic ? s.weights[1] : s.spare + kTaps * xStride;
+    const AxisTaps x = prepareAxis<Kernel>(ax, s.first[0], s.fraction[0], xWeights, xStride);
+    const AxisTaps y = prepareAxis<Kernel>(ay, s.first[1], s.fraction[1], yWeights, yStride);
+    const AxisTaps z = prepareAxis<Kernel>(az, s.first[2], s.fraction[2], nullptr, 0);
 
     SlotCache<kTaps> cache;
     const std::ptrdiff_t planeFloats = s.planePitch * height;

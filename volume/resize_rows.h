@@ -16,41 +16,44 @@ inline int clampTap(int i, int size)
     return std::min(std::max(i, 0), size - 1);
 }
 
-// Tap positions of one axis: the first tap and kTaps weights per destination position.
-// Positions in [fastBegin, fastEnd) have all their taps inside the source; the others
-// replicate the edge voxel per tap.
+// Tap positions of one axis: the first tap per destination position and kTaps weight
+// arrays. Positions in [fastBegin, fastEnd) have all their taps inside the source; the
+// others replicate the edge voxel per tap.
 struct AxisTaps {
     const int* first;
-    const float* weights;
+    const float* weights;  // weight of tap k at position p: weights[k * stride + p]
+    std::ptrdiff_t stride;
     int size;  // source voxels on the axis
     int fastBegin;
     int fastEnd;
+    const float* weight(int k) const { return weights + k * stride; }
 };
 
-// One x-resampled row over destination positions [begin, end).
-template <class T, class Kernel, bool kEdge>
+// One x-resampled row over destination positions [begin, end), four positions at a time:
+// out[p] = sum over k of weight(k)[p] * row[first[p] + k], summed in tap order.
+template <class T, int kTaps, bool kEdge>
 inline void resampleSpanX(const T* row, const AxisTaps& x, int begin, int end, float* out)
 {
-    constexpr int kTaps = Kernel::kTaps;
-    for (int p = begin; p < end; ++p) {
-        const int first = x.first[p];
-        const float* w = x.weights + p * kTaps;
+    forEachLaneRun(end - begin, [&](int j, auto lanes) {
+        const int p = begin + j;
         auto tap = [&](int k) {
-            const int i = kEdge ? clampTap(first + k, x.size) : first + k;
-            return VoxelTraits<T>::load(row + i);
+            int index[4];
+            for (int i = 0; i < lanes.count; ++i)
+                index[i] = kEdge ? clampTap(x.first[p + i] + k, x.size) : x.first[p + i] + k;
+            return _mm_mul_ps(lanes.gather(row, index), lanes.load(x.weight(k) + p));
         };
-        float acc = w[0] * tap(0);
-        for (int k = 1; k < kTaps; ++k) acc += w[k] * tap(k);
-        out[p] = acc;
-    }
+        __m128 acc = tap(0);
+        for (int k = 1; k < kTaps; ++k) acc = _mm_add_ps(acc, tap(k));
+        lanes.store(out + p, acc);
+    });
 }
 
-template <class T, class Kernel>
+template <class T, int kTaps>
 inline void resampleRowX(const T* row, const AxisTaps& x, int n, float* out)
 {
-    resampleSpanX<T, Kernel, true>(row, x, 0, x.fastBegin, out);
-    resampleSpanX<T, Kernel, false>(row, x, x.fastBegin, x.fastEnd, out);
-    resampleSpanX<T, Kernel, true>(row, x, x.fastEnd, n, out);
+    resampleSpanX<T, kTaps, true>(row, x, 0, x.fastBegin, out);
+    resampleSpanX<T, kTaps, false>(row, x, x.fastBegin, x.fastEnd, out);
+    resampleSpanX<T, kTaps, true>(row, x, x.fastEnd, n, out);
 }
 
 // out[i] = sum over k of rows[k][i] * w[k], summed in tap order, stored through Out's

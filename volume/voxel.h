@@ -27,17 +27,20 @@ inline void storeVoxel(T* p, T v)
     std::memcpy(p, &v, sizeof v);
 }
 
-// The integer voxel types share one rounding: four floats widened to double, biased,
-// saturated, truncated. Returns the four results as 32-bit integers.
-inline __m128i roundToRange(__m128 v, double maxValue)
+// The integer voxel types share one rounding, truncate(double(v) + kStoreBias) saturated,
+// done here in float: the whole part plus one when the fraction reaches kRoundUpFraction,
+// the smallest float f with double(f) + kStoreBias >= 1. No float lies close enough to a
+// rounding edge for the double sum's own rounding to matter, so the results are the same
+// for every float (the tests sweep the floats around every half up to 65535.5).
+constexpr float kRoundUpFraction = 0.49999991059303284f;
+
+inline __m128i roundToRange(__m128 v, float maxValue)
 {
-    const __m128d bias = _mm_set1_pd(kStoreBias);
-    const __m128d lo = _mm_setzero_pd(), hi = _mm_set1_pd(maxValue);
-    const __m128d a = _mm_add_pd(_mm_cvtps_pd(v), bias);
-    const __m128d b = _mm_add_pd(_mm_cvtps_pd(_mm_movehl_ps(v, v)), bias);
-    const __m128i ia = _mm_cvttpd_epi32(_mm_min_pd(_mm_max_pd(a, lo), hi));
-    const __m128i ib = _mm_cvttpd_epi32(_mm_min_pd(_mm_max_pd(b, lo), hi));
-    return _mm_unpacklo_epi64(ia, ib);
+    const __m128 clamped = _mm_min_ps(_mm_max_ps(v, _mm_setzero_ps()), _mm_set1_ps(maxValue));
+    const __m128i whole = _mm_cvttps_epi32(clamped);
+    const __m128 fraction = _mm_sub_ps(clamped, _mm_cvtepi32_ps(whole));
+    const __m128 up = _mm_cmpge_ps(fraction, _mm_set1_ps(kRoundUpFraction));
+    return _mm_sub_epi32(whole, _mm_castps_si128(up));  // all ones is -1
 }
 
 template <class T>
@@ -46,7 +49,11 @@ struct VoxelTraits;
 template <>
 struct VoxelTraits<std::uint8_t> {
     static float load(const std::uint8_t* p) { return float(*p); }
-    static void store4(std::uint8_t* p, __m128 v) { storeInts4(p, roundToRange(v, 255.0)); }
+    static __m128 gather4(const std::uint8_t* row, const int* i)
+    {
+        return _mm_cvtepi32_ps(_mm_setr_epi32(row[i[0]], row[i[1]], row[i[2]], row[i[3]]));
+    }
+    static void store4(std::uint8_t* p, __m128 v) { storeInts4(p, roundToRange(v, 255.0f)); }
     // Four 32-bit integers, saturated to bytes.
     static void storeInts4(std::uint8_t* p, __m128i i)
     {
@@ -59,11 +66,16 @@ struct VoxelTraits<std::uint8_t> {
 template <>
 struct VoxelTraits<std::uint16_t> {
     static float load(const std::uint16_t* p) { return float(loadVoxel(p)); }
+    static __m128 gather4(const std::uint16_t* row, const int* i)
+    {
+        return _mm_cvtepi32_ps(_mm_setr_epi32(loadVoxel(row + i[0]), loadVoxel(row + i[1]),
+                                              loadVoxel(row + i[2]), loadVoxel(row + i[3])));
+    }
     static void store4(std::uint16_t* p, __m128 v)
     {
         // No unsigned 32-to-16 pack in SSE2: shift into the signed range and back.
         const __m128i offset = _mm_set1_epi32(32768);
-        const __m128i i = _mm_sub_epi32(roundToRange(v, 65535.0), offset);
+        const __m128i i = _mm_sub_epi32(roundToRange(v, 65535.0f), offset);
         const __m128i h = _mm_xor_si128(_mm_packs_epi32(i, i), _mm_set1_epi16(-32768));
         _mm_storel_epi64(reinterpret_cast<__m128i*>(p), h);
     }
@@ -72,6 +84,11 @@ struct VoxelTraits<std::uint16_t> {
 template <>
 struct VoxelTraits<float> {
     static float load(const float* p) { return loadVoxel(p); }
+    static __m128 gather4(const float* row, const int* i)
+    {
+        return _mm_setr_ps(loadVoxel(row + i[0]), loadVoxel(row + i[1]), loadVoxel(row + i[2]),
+                           loadVoxel(row + i[3]));
+    }
     static void store4(float* p, __m128 v) { _mm_storeu_ps(p, v); }  // as is, no clamping
 };
 
@@ -81,6 +98,12 @@ struct VoxelTraits<float> {
 struct FullLanes {
     static constexpr int count = 4;
     static __m128 load(const float* p) { return _mm_loadu_ps(p); }
+    // Voxels row[index[i]] as floats.
+    template <class T>
+    static __m128 gather(const T* row, const int* index)
+    {
+        return VoxelTraits<T>::gather4(row, index);
+    }
     template <class T>
     static void store(T* p, __m128 v)
     {
@@ -99,6 +122,13 @@ struct PartialLanes {
         float lanes[4] = {0, 0, 0, 0};
         std::memcpy(lanes, p, sizeof(float) * count);
         return _mm_loadu_ps(lanes);
+    }
+    template <class T>
+    __m128 gather(const T* row, const int* index) const
+    {
+        int lanes[4] = {index[0], index[0], index[0], index[0]};  // unused lanes reread voxel 0
+        std::memcpy(lanes, index, sizeof(int) * count);
+        return VoxelTraits<T>::gather4(row, lanes);
     }
     template <class T>
     void store(T* p, __m128 v) const
