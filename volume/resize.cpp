@@ -31,6 +31,7 @@ struct Scratch {
     float* spare;
     std::ptrdiff_t planePitch;  // floats per plane row
     std::ptrdiff_t rowPitch;    // floats per x-resampled row
+    std::ptrdiff_t rowFloats;   // size of the row area
 };
 
 Scratch carve(unsigned char* buffer, const ResizeFrame& f, int interpolation)
@@ -53,6 +54,7 @@ Scratch carve(unsigned char* buffer, const ResizeFrame& f, int interpolation)
     s.spare = take(plan.spare);
     s.planePitch = plan.planeRowFloats;
     s.rowPitch = (f.axis[0].extent() + 15) & ~15;
+    s.rowFloats = plan.rows / sizeof(float);
     return s;
 }
 
@@ -119,10 +121,13 @@ void resizeNearest(const ResizeFrame& f, const Layout<const T>& src, const Layou
         const T* source = src.plane(iz[z]);
         for (int y = 0; y < ay.extent(); ++y) {
             T* out = dst.row(plane, ay.start + y) + ax.start;
-            if (y > 0 && iy[y] == iy[y - 1])
+            if (y > 0 && iy[y] == iy[y - 1]) {
                 std::memmove(out, dst.row(plane, ay.start + y - 1) + ax.start, rowBytes);
-            else
-                gatherRow(src.row(source, iy[y]), ix, ax.extent(), out);
+                continue;
+            }
+            if (y + 1 < ay.extent() && iy[y + 1] != iy[y])
+                prefetchSpan(src.row(source, iy[y + 1]), ix[0], ix[ax.extent() - 1]);
+            gatherRow(src.row(source, iy[y]), ix, ax.extent(), out);
         }
     }
 }
@@ -134,11 +139,17 @@ void resamplePlane(const Layout<const T>& src, const T* plane, const AxisTaps& x
                    int width, int height, const Scratch& s, float* out)
 {
     constexpr int kTaps = Kernel::kTaps;
+    const int spanFirst = clampTap(x.first[0], x.size);
+    const int spanLast = clampTap(x.first[width - 1] + kTaps - 1, x.size);
     SlotCache<kTaps> cache;
     for (int p = 0; p < height; ++p) {
         int keys[kTaps];
         const float* rows[kTaps];
         for (int k = 0; k < kTaps; ++k) keys[k] = clampTap(y.first[p] + k, y.size);
+        if (p + 1 < height) {
+            const int next = clampTap(y.first[p + 1] + kTaps - 1, y.size);
+            if (next != keys[kTaps - 1]) prefetchSpan(src.row(plane, next), spanFirst, spanLast);
+        }
         for (int k = 0; k < kTaps; ++k) {
             bool fresh;
             float* row = s.rows + cache.acquire(keys[k], keys, &fresh) * s.rowPitch;
@@ -148,6 +159,33 @@ void resamplePlane(const Layout<const T>& src, const T* plane, const AxisTaps& x
         float w[kTaps];
         for (int k = 0; k < kTaps; ++k) w[k] = y.weight(k)[p];
         blendRows<kTaps>(rows, w, out + p * s.planePitch, width);
+    }
+}
+
+// The same plane with y first: the source rows of each destination row are blended over
+// the x span the taps reach, then that one row is x-resampled. Cheaper when x shrinks and
+// y does not grow, since each destination row then needs one x pass instead of kTaps.
+template <class T, class Kernel, template <class> class Layout>
+void resamplePlaneYFirst(const Layout<const T>& src, const T* plane, const AxisTaps& x,
+                         const AxisTaps& y, int width, int height, const Scratch& s, float* out)
+{
+    constexpr int kTaps = Kernel::kTaps;
+    const int spanFirst = clampTap(x.first[0], x.size);
+    const int span = clampTap(x.first[width - 1] + kTaps - 1, x.size) - spanFirst + 1;
+    const float* blended = s.rows - spanFirst;  // indexed by source x
+    for (int p = 0; p < height; ++p) {
+        const T* rows[kTaps];
+        float w[kTaps];
+        for (int k = 0; k < kTaps; ++k) {
+            rows[k] = src.row(plane, clampTap(y.first[p] + k, y.size)) + spanFirst;
+            w[k] = y.weight(k)[p];
+        }
+        if (p + 1 < height && y.first[p + 1] != y.first[p])
+            for (int k = 0; k < kTaps; ++k)
+                prefetchSpan(src.row(plane, clampTap(y.first[p + 1] + k, y.size)), spanFirst,
+                             spanFirst + span - 1);
+        blendRows<kTaps>(rows, w, s.rows, span);
+        resampleRowX<float, kTaps>(blended, x, width, out + p * s.planePitch);
     }
 }
 
@@ -172,6 +210,10 @@ void resizeSeparable(const ResizeFrame& f, const Layout<const T>& src, const Lay
     const AxisTaps y = prepareAxis<Kernel>(ay, s.first[1], s.fraction[1], yWeights, yStride);
     const AxisTaps z = prepareAxis<Kernel>(az, s.first[2], s.fraction[2], nullptr, 0);
 
+    const int span =
+        clampTap(x.first[width - 1] + kTaps - 1, x.size) - clampTap(x.first[0], x.size) + 1;
+    const bool yFirst = ax.inv > 1 && ay.inv >= 1 && span <= s.rowFloats;
+
     SlotCache<kTaps> cache;
     const std::ptrdiff_t planeFloats = s.planePitch * height;
     for (int p = 0; p < az.extent(); ++p) {
@@ -181,7 +223,10 @@ void resizeSeparable(const ResizeFrame& f, const Layout<const T>& src, const Lay
         for (int k = 0; k < kTaps; ++k) {
             bool fresh;
             float* plane = s.planes + cache.acquire(keys[k], keys, &fresh) * planeFloats;
-            if (fresh)
+            if (fresh && yFirst)
+                resamplePlaneYFirst<T, Kernel>(src, src.plane(keys[k]), x, y, width, height, s,
+                                               plane);
+            else if (fresh)
                 resamplePlane<T, Kernel>(src, src.plane(keys[k]), x, y, width, height, s, plane);
             planes[k] = plane;
         }

@@ -57,9 +57,10 @@ inline void resampleRowX(const T* row, const AxisTaps& x, int n, float* out)
 }
 
 // out[i] = sum over k of rows[k][i] * w[k], summed in tap order, stored through Out's
-// conversion (float as is, integers rounded and saturated).
-template <int kTaps, class Out>
-inline void blendRows(const float* const* rows, const float* w, Out* out, int n)
+// conversion (float as is, integers rounded and saturated). Rows are float planes or, when
+// y goes first, source rows.
+template <int kTaps, class In, class Out>
+inline void blendRows(const In* const* rows, const float* w, Out* out, int n)
 {
     __m128 weight[kTaps];
     for (int k = 0; k < kTaps; ++k) weight[k] = _mm_set1_ps(w[k]);
@@ -98,6 +99,17 @@ inline void blendRowsFixed(const float* a, const float* b, int w, std::uint8_t* 
         const __m128i sum = _mm_add_epi32(_mm_madd_epi16(pairs, weights), half);
         lanes.storeBytes(out + i, _mm_srai_epi32(sum, kShift));
     });
+}
+
+// Asks for the cache lines of row[first..last] ahead of their use: rows read a few voxels
+// apart, a plane apart from the last one, are not ones the hardware prefetcher guesses.
+template <class T>
+inline void prefetchSpan(const T* row, int first, int last)
+{
+    const char* p = reinterpret_cast<const char*>(row + first);
+    const char* end = reinterpret_cast<const char*>(row + last);
+    for (; p <= end; p += 64) _mm_prefetch(p, _MM_HINT_T0);
+    _mm_prefetch(end, _MM_HINT_T0);
 }
 
 // Nearest neighbour: out[p] = row[index[p]], no conversion.

@@ -49,6 +49,14 @@ struct VoxelTraits;
 template <>
 struct VoxelTraits<std::uint8_t> {
     static float load(const std::uint8_t* p) { return float(*p); }
+    static __m128 load4(const std::uint8_t* p)
+    {
+        std::int32_t bytes;
+        std::memcpy(&bytes, p, 4);
+        const __m128i zero = _mm_setzero_si128();
+        const __m128i b = _mm_unpacklo_epi8(_mm_cvtsi32_si128(bytes), zero);
+        return _mm_cvtepi32_ps(_mm_unpacklo_epi16(b, zero));
+    }
     static __m128 gather4(const std::uint8_t* row, const int* i)
     {
         return _mm_cvtepi32_ps(_mm_setr_epi32(row[i[0]], row[i[1]], row[i[2]], row[i[3]]));
@@ -66,6 +74,11 @@ struct VoxelTraits<std::uint8_t> {
 template <>
 struct VoxelTraits<std::uint16_t> {
     static float load(const std::uint16_t* p) { return float(loadVoxel(p)); }
+    static __m128 load4(const std::uint16_t* p)
+    {
+        const __m128i h = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
+        return _mm_cvtepi32_ps(_mm_unpacklo_epi16(h, _mm_setzero_si128()));
+    }
     static __m128 gather4(const std::uint16_t* row, const int* i)
     {
         return _mm_cvtepi32_ps(_mm_setr_epi32(loadVoxel(row + i[0]), loadVoxel(row + i[1]),
@@ -84,6 +97,7 @@ struct VoxelTraits<std::uint16_t> {
 template <>
 struct VoxelTraits<float> {
     static float load(const float* p) { return loadVoxel(p); }
+    static __m128 load4(const float* p) { return _mm_loadu_ps(p); }
     static __m128 gather4(const float* row, const int* i)
     {
         return _mm_setr_ps(loadVoxel(row + i[0]), loadVoxel(row + i[1]), loadVoxel(row + i[2]),
@@ -97,7 +111,11 @@ struct VoxelTraits<float> {
 // its body without touching memory past the row's end.
 struct FullLanes {
     static constexpr int count = 4;
-    static __m128 load(const float* p) { return _mm_loadu_ps(p); }
+    template <class T>
+    static __m128 load(const T* p)
+    {
+        return VoxelTraits<T>::load4(p);
+    }
     // Voxels row[index[i]] as floats.
     template <class T>
     static __m128 gather(const T* row, const int* index)
@@ -117,11 +135,12 @@ struct FullLanes {
 
 struct PartialLanes {
     int count;  // 1 to 3
-    __m128 load(const float* p) const
+    template <class T>
+    __m128 load(const T* p) const
     {
-        float lanes[4] = {0, 0, 0, 0};
-        std::memcpy(lanes, p, sizeof(float) * count);
-        return _mm_loadu_ps(lanes);
+        T lanes[4] = {0, 0, 0, 0};
+        std::memcpy(lanes, p, sizeof(T) * count);
+        return VoxelTraits<T>::load4(lanes);
     }
     template <class T>
     __m128 gather(const T* row, const int* index) const
