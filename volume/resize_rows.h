@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 
 #include "voxel.h"
 
@@ -31,8 +32,8 @@ struct AxisTaps {
 
 // One x-resampled row over destination positions [begin, end), four positions at a time:
 // out[p] = sum over k of weight(k)[p] * row[first[p] + k], summed in tap order.
-template <class T, int kTaps, bool kEdge>
-inline void resampleSpanX(const T* row, const AxisTaps& x, int begin, int end, float* out)
+template <class T, int kTaps, bool kEdge, class Out>
+inline void resampleSpanX(const T* row, const AxisTaps& x, int begin, int end, Out* out)
 {
     forEachLaneRun(end - begin, [&](int j, auto lanes) {
         const int p = begin + j;
@@ -48,8 +49,8 @@ inline void resampleSpanX(const T* row, const AxisTaps& x, int begin, int end, f
     });
 }
 
-template <class T, int kTaps>
-inline void resampleRowX(const T* row, const AxisTaps& x, int n, float* out)
+template <class T, int kTaps, class Out>
+inline void resampleRowX(const T* row, const AxisTaps& x, int n, Out* out)
 {
     resampleSpanX<T, kTaps, true>(row, x, 0, x.fastBegin, out);
     resampleSpanX<T, kTaps, false>(row, x, x.fastBegin, x.fastEnd, out);
@@ -79,26 +80,51 @@ inline int fixedWeight(float t)
     return int(t * float(kFixedOne) + 0.5f);
 }
 
-// The 8u trilinear z blend, (a * (16384 - w) + b * w + half) >> 14 in integers. The in-plane
-// passes stay in float; their results enter the blend with 6 fractional bits (rounded), so
-// one pmaddwd forms both products and the only rounding of note is the final one.
-inline void blendRowsFixed(const float* a, const float* b, int w, std::uint8_t* out, int n)
+// A plane value of the 8u trilinear path: the in-plane float result with 6 fractional bits,
+// rounded, so that the z blend runs on 16-bit integers.
+struct Fixed6 {
+    std::int16_t bits;
+};
+constexpr int kFixed6Bits = 6;
+
+template <>
+struct VoxelTraits<Fixed6> {
+    static void store4(Fixed6* p, __m128 v)
+    {
+        // In-plane results blend voxels with non-negative weights, so truncating v + 0.5 rounds.
+        const __m128 scaled = _mm_mul_ps(v, _mm_set1_ps(float(1 << kFixed6Bits)));
+        const __m128i i = _mm_cvttps_epi32(_mm_add_ps(scaled, _mm_set1_ps(0.5f)));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(p), _mm_packs_epi32(i, i));
+    }
+};
+
+// The 8u trilinear z blend in 14-bit fixed point, (a * (16384 - w) + b * w + half) >> 14 on
+// values that carry 6 more fractional bits, eight voxels at a time: one pmaddwd forms both
+// products, and the only rounding of note is the final one.
+inline void blendRowsFixed(const Fixed6* a, const Fixed6* b, int w, std::uint8_t* out, int n)
 {
-    constexpr int kFractionBits = 6;
-    constexpr int kShift = 14 + kFractionBits;
+    constexpr int kShift = 14 + kFixed6Bits;
     const __m128i weights = _mm_set1_epi32((w << 16) | (kFixedOne - w));  // int16 pairs
     const __m128i half = _mm_set1_epi32(1 << (kShift - 1));
-    const __m128 scale = _mm_set1_ps(float(1 << kFractionBits)), nearest = _mm_set1_ps(0.5f);
-    forEachLaneRun(n, [&](int i, auto lanes) {
-        // Inputs are blends of voxels with non-negative weights, so truncating v + 0.5 rounds.
-        const __m128i fa =
-            _mm_cvttps_epi32(_mm_add_ps(_mm_mul_ps(lanes.load(a + i), scale), nearest));
-        const __m128i fb =
-            _mm_cvttps_epi32(_mm_add_ps(_mm_mul_ps(lanes.load(b + i), scale), nearest));
-        const __m128i pairs = _mm_unpacklo_epi16(_mm_packs_epi32(fa, fa), _mm_packs_epi32(fb, fb));
-        const __m128i sum = _mm_add_epi32(_mm_madd_epi16(pairs, weights), half);
-        lanes.storeBytes(out + i, _mm_srai_epi32(sum, kShift));
-    });
+    auto blend8 = [&](const Fixed6* pa, const Fixed6* pb, std::uint8_t* po) {
+        const __m128i va = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pa));
+        const __m128i vb = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pb));
+        const __m128i lo = _mm_madd_epi16(_mm_unpacklo_epi16(va, vb), weights);
+        const __m128i hi = _mm_madd_epi16(_mm_unpackhi_epi16(va, vb), weights);
+        const __m128i sums = _mm_packs_epi32(_mm_srai_epi32(_mm_add_epi32(lo, half), kShift),
+                                             _mm_srai_epi32(_mm_add_epi32(hi, half), kShift));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(po), _mm_packus_epi16(sums, sums));
+    };
+    int i = 0;
+    for (; i + 8 <= n; i += 8) blend8(a + i, b + i, out + i);
+    if (i < n) {  // the tail through local blocks, never past the row's end
+        Fixed6 ta[8] = {}, tb[8] = {};
+        std::uint8_t to[8];
+        std::memcpy(ta, a + i, sizeof(Fixed6) * (n - i));
+        std::memcpy(tb, b + i, sizeof(Fixed6) * (n - i));
+        blend8(ta, tb, to);
+        std::memcpy(out + i, to, n - i);
+    }
 }
 
 // Asks for the cache lines of row[first..last] ahead of their use: rows read a few voxels

@@ -1,0 +1,519 @@
+// Volume resize against a per-voxel double-precision reference: every voxel type, block and
+// plane layouts and all six selectors, with canaries on every byte the library may not write.
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <iterator>
+#include <limits>
+#include <random>
+#include <sstream>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "reference/resize_reference.h"
+#include "test_mesh.h"
+#include "vlkr.h"
+
+namespace {
+
+using vlkr::test::bitsOf;
+namespace ref = vlkr::reference;
+
+constexpr int kSelectors[] = {1, 2, 4, 5, 6, 7};
+
+template <class T>
+struct Ops;
+template <>
+struct Ops<Vlk8u> {
+    static constexpr auto block = &vlkrResize_8u_C1V;
+    static constexpr auto planes = &vlkrResize_8u_C1PV;
+};
+template <>
+struct Ops<Vlk16u> {
+    static constexpr auto block = &vlkrResize_16u_C1V;
+    static constexpr auto planes = &vlkrResize_16u_C1PV;
+};
+template <>
+struct Ops<Vlk32f> {
+    static constexpr auto block = &vlkrResize_32f_C1V;
+    static constexpr auto planes = &vlkrResize_32f_C1PV;
+};
+
+// Destination bytes the library may not write hold 0xA5.
+template <class T>
+T canary()
+{
+    T v;
+    std::memset(&v, 0xA5, sizeof v);
+    return v;
+}
+
+// Source padding: NaN for floats, so a voxel read from outside the volume shows up.
+template <class T>
+T poison()
+{
+    if constexpr (std::is_same_v<T, float>) return std::numeric_limits<float>::quiet_NaN();
+    return canary<T>();
+}
+
+enum class Layout { Block, BottomUp, Planes };
+const char* nameOf(Layout l)
+{
+    return l == Layout::Block ? "block" : l == Layout::BottomUp ? "bottom-up block" : "planes";
+}
+constexpr Layout kLayouts[] = {Layout::Block, Layout::BottomUp, Layout::Planes};
+
+// A volume with random padding after rows and planes. Block: one allocation; bottom-up: the
+// same with negative steps; planes: one allocation per plane, unevenly spaced. Byte steps
+// carry up to sizeof(T) - 1 extra bytes, which the arithmetic shift to elements drops (for
+// negative steps too, as it rounds down).
+template <class T>
+struct Volume {
+    VolumeSize size;
+    Layout layout;
+    long row = 0, plane = 0;  // element strides
+    int slack = 0;
+    std::vector<std::vector<T>> chunks;
+    std::vector<T*> planes;  // voxel (0, 0, z)
+
+    Volume(VolumeSize s, Layout l, std::mt19937& rng, T fill) : size(s), layout(l)
+    {
+        row = s.width + long(rng() % 3);
+        slack = int(rng() % sizeof(T));
+        if (l == Layout::Planes) {
+            std::vector<std::size_t> lead;
+            for (int z = 0; z < s.depth; ++z) {
+                lead.push_back(rng() % 9);
+                chunks.emplace_back(std::size_t(lead.back() + s.height * row + rng() % 9), fill);
+            }
+            for (int z = 0; z < s.depth; ++z) planes.push_back(chunks[z].data() + lead[z]);
+            return;
+        }
+        plane = s.height * row + long(rng() % 5);
+        chunks.emplace_back(std::size_t(plane * s.depth), fill);
+        T* base = chunks[0].data();
+        if (l == Layout::BottomUp) {
+            base += (s.depth - 1) * plane + (s.height - 1) * row;
+            row = -row, plane = -plane;
+        }
+        for (int z = 0; z < s.depth; ++z) planes.push_back(base + z * plane);
+    }
+    T& at(int x, int y, int z) { return planes[z][y * row + x]; }
+    int rowStep() const { return int(row) * int(sizeof(T)) + slack; }
+    int planeStep() const { return int(plane) * int(sizeof(T)) + slack; }
+    bool untouched() const
+    {
+        const T c = canary<T>();
+        for (const auto& chunk : chunks)
+            for (const T& v : chunk)
+                if (std::memcmp(&v, &c, sizeof(T)) != 0) return false;
+        return true;
+    }
+};
+
+// Dense source values, x fastest.
+template <class T>
+struct Voxels {
+    VolumeSize size;
+    std::vector<T> v;
+    T at(int x, int y, int z) const { return v[(std::size_t(z) * size.height + y) * size.width + x]; }
+    double operator()(int x, int y, int z) const { return double(at(x, y, z)); }
+};
+
+// Random voxels over the whole range of the type; floats in [-100, 100].
+template <class T>
+Voxels<T> randomVoxels(VolumeSize s, std::mt19937& rng)
+{
+    Voxels<T> out{s, std::vector<T>(std::size_t(s.width) * s.height * s.depth)};
+    if constexpr (std::is_same_v<T, float>) {
+        std::uniform_real_distribution<float> u(-100.0f, 100.0f);
+        for (T& x : out.v) x = u(rng);
+    } else {
+        std::uniform_int_distribution<int> u(0, std::numeric_limits<T>::max());
+        for (T& x : out.v) x = T(u(rng));
+    }
+    return out;
+}
+
+struct Geometry {
+    VolumeSize vol;
+    Cuboid src, dst;
+    double factor[3], shift[3];
+};
+
+std::string describe(const Geometry& g, int selector, Layout layout)
+{
+    std::ostringstream os;
+    os << "volume " << g.vol.width << "x" << g.vol.height << "x" << g.vol.depth << " src {"
+       << g.src.x << "," << g.src.y << "," << g.src.z << "," << g.src.width << ","
+       << g.src.height << "," << g.src.depth << "} dst {" << g.dst.x << "," << g.dst.y << ","
+       << g.dst.z << "," << g.dst.width << "," << g.dst.height << "," << g.dst.depth
+       << "} factor " << g.factor[0] << "," << g.factor[1] << "," << g.factor[2] << " shift "
+       << g.shift[0] << "," << g.shift[1] << "," << g.shift[2] << " selector " << selector
+       << " layout " << nameOf(layout);
+    return os.str();
+}
+
+template <class T>
+vlkStatus resize(const Volume<T>& src, const Geometry& g, Volume<T>& dst, int selector,
+                 unsigned char* buffer)
+{
+    const double *f = g.factor, *s = g.shift;
+    if (src.layout == Layout::Planes) {
+        const std::vector<const T*> in(src.planes.begin(), src.planes.end());
+        return Ops<T>::planes(in.data(), &src.size, src.rowStep(), &g.src, dst.planes.data(),
+                              dst.rowStep(), &g.dst, f[0], f[1], f[2], s[0], s[1], s[2],
+                              selector, buffer);
+    }
+    return Ops<T>::block(src.planes[0], &src.size, src.rowStep(), src.planeStep(), &g.src,
+                         dst.planes[0], dst.rowStep(), dst.planeStep(), &g.dst, f[0], f[1], f[2],
+                         s[0], s[1], s[2], selector, buffer);
+}
+
+// Whether a library voxel agrees with the reference value v, whose terms add up to magnitude:
+// nearest is exact, floats within 1e-5 of the term size, integers within one step.
+template <class T>
+bool agrees(T got, double v, double magnitude, int selector)
+{
+    if constexpr (std::is_same_v<T, float>) {
+        if (selector == vlkInterNearest) return bitsOf(got) == bitsOf(float(v));
+        return std::fabs(double(got) - v) <= 1e-5 * std::max(1.0, magnitude);
+    } else {
+        const int want = ref::resizeStore<T>(v);
+        return selector == vlkInterNearest ? got == want : std::abs(int(got) - want) <= 1;
+    }
+}
+
+// Resizes in one layout and checks the status, every written voxel against the reference, and
+// that every other destination byte (padding included) kept its canary. Returns the written
+// voxels, x fastest. Without a buffer, one of exactly the queried size is used.
+template <class T>
+std::vector<T> resizeAndCheck(const Voxels<T>& values, const Geometry& g, int selector,
+                              Layout layout, std::mt19937& rng, unsigned char* buffer = nullptr)
+{
+    Volume<T> src(g.vol, layout, rng, poison<T>());
+    for (int z = 0; z < g.vol.depth; ++z)
+        for (int y = 0; y < g.vol.height; ++y)
+            for (int x = 0; x < g.vol.width; ++x) src.at(x, y, z) = values.at(x, y, z);
+    const VolumeSize dstSize{g.dst.x + g.dst.width + 1, g.dst.y + g.dst.height + 1,
+                             g.dst.z + g.dst.depth + 1};
+    Volume<T> dst(dstSize, layout, rng, canary<T>());
+    std::vector<unsigned char> own;
+    if (!buffer) {
+        int size = 0;
+        EXPECT_EQ(vlkrResizeGetBufSize(&g.src, &g.dst, 1, selector, &size), vlkStatusOk);
+        own.assign(std::size_t(size), 0xEE);
+        buffer = own.data();
+    }
+    const ref::ResizeRegion r = ref::resizeRegion(g.vol, g.src, g.dst, g.factor, g.shift);
+    EXPECT_EQ(resize(src, g, dst, selector, buffer),
+              r.empty() ? vlkStatusNoOperation : vlkStatusOk);
+
+    std::vector<T> written;
+    int bad = 0;
+    double bias = 0;
+    std::ostringstream first;
+    for (int z = r.begin[2]; z < r.end[2]; ++z)
+        for (int y = r.begin[1]; y < r.end[1]; ++y)
+            for (int x = r.begin[0]; x < r.end[0]; ++x) {
+                const int d[3] = {x, y, z};
+                double magnitude = 0;
+                const double want =
+                    ref::resizeVoxel(values, g.vol, selector, d, g.factor, g.shift, &magnitude);
+                T& got = dst.at(x, y, z);
+                written.push_back(got);
+                bias += double(got) - double(ref::resizeStore<T>(want));
+                if (!agrees(got, want, magnitude, selector) && bad++ == 0)
+                    first << "(" << x << "," << y << "," << z << ") got " << +got << " want "
+                          << want;
+                got = canary<T>();
+            }
+    EXPECT_EQ(bad, 0) << "voxels off the reference, first " << first.str();
+    // Integers round to nearest, so the one-step tolerance must not hide a bias.
+    if (!std::is_same_v<T, float> && selector != vlkInterNearest && written.size() >= 200) {
+        EXPECT_NEAR(bias / double(written.size()), 0.0, 0.25) << "integer results biased";
+    }
+    EXPECT_TRUE(dst.untouched()) << "a destination byte outside the written region changed";
+    return written;
+}
+
+template <class T>
+bool sameBits(const std::vector<T>& a, const std::vector<T>& b)
+{
+    return a.size() == b.size() &&
+           (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0);
+}
+
+// Runs every layout, checks each against the reference and all of them against each other.
+template <class T>
+void checkAllLayouts(const Voxels<T>& values, const Geometry& g, int selector, std::mt19937& rng)
+{
+    std::vector<T> first;
+    for (Layout layout : kLayouts) {
+        SCOPED_TRACE(describe(g, selector, layout));
+        const std::vector<T> out = resizeAndCheck(values, g, selector, layout, rng);
+        if (layout == kLayouts[0]) {
+            first = out;
+            continue;
+        }
+        EXPECT_TRUE(sameBits(out, first)) << "layouts differ bit for bit";
+    }
+}
+
+template <class T>
+class ResizeTyped : public ::testing::Test {};
+struct VoxelNames {
+    template <class T>
+    static std::string GetName(int)
+    {
+        return sizeof(T) == 1 ? "8u" : sizeof(T) == 2 ? "16u" : "32f";
+    }
+};
+using VoxelTypes = ::testing::Types<Vlk8u, Vlk16u, Vlk32f>;
+TYPED_TEST_SUITE(ResizeTyped, VoxelTypes, VoxelNames);
+
+// ------------------------------------------------------------------ against the reference
+
+const Geometry kCases[] = {
+    // Upscaling of the whole volume, different factor per axis, into a roomy destination.
+    {{7, 6, 5}, {0, 0, 0, 7, 6, 5}, {0, 0, 0, 40, 40, 40}, {1.7, 2.0, 3.1}, {0, 0, 0}},
+    // Downscaling.
+    {{12, 10, 9}, {0, 0, 0, 12, 10, 9}, {0, 0, 0, 12, 10, 9}, {0.45, 0.5, 0.5}, {0, 0, 0}},
+    // Sub-cuboid with mixed shifts, some negative; taps reach outside the source cuboid.
+    {{11, 9, 8}, {2, 1, 3, 6, 5, 4}, {0, 0, 0, 20, 20, 20}, {1.3, 0.8, 2.2}, {-1.25, 2.5, -3.7}},
+    // Source cuboid reaching past the volume: trimmed to it.
+    {{9, 7, 6}, {4, 3, 2, 20, 20, 20}, {1, 1, 1, 30, 30, 30}, {2.0, 1.5, 0.7}, {0.3, -0.6, 1.1}},
+    // Destination cuboid clipping the image on every side.
+    {{10, 8, 7}, {0, 0, 0, 10, 8, 7}, {3, 2, 4, 5, 6, 3}, {1.9, 2.6, 1.4}, {0.5, -2, 0}},
+    // Strongly anisotropic factors.
+    {{12, 5, 9}, {1, 0, 2, 10, 5, 6}, {0, 2, 0, 25, 25, 25}, {3.1, 0.45, 1.0}, {-2.3, 4.1, 0.25}},
+    // Unit factors with fractional shifts: one fixed phase per axis.
+    {{6, 5, 4}, {0, 0, 0, 6, 5, 4}, {0, 0, 0, 9, 9, 9}, {1, 1, 1}, {0.5, -0.25, 1.75}},
+    // Axes one voxel long.
+    {{1, 3, 4}, {0, 0, 0, 1, 3, 4}, {0, 0, 0, 6, 6, 6}, {2.5, 1, 0.6}, {0, 0.4, 0}},
+};
+
+TYPED_TEST(ResizeTyped, TableCasesMatchTheReferenceInEveryLayout)
+{
+    for (std::size_t c = 0; c < std::size(kCases); ++c)
+        for (int selector : kSelectors) {
+            const unsigned seed = 1000 + unsigned(c) * 10 + unsigned(selector);
+            SCOPED_TRACE("seed " + std::to_string(seed));
+            std::mt19937 rng(seed);
+            checkAllLayouts(randomVoxels<TypeParam>(kCases[c].vol, rng), kCases[c], selector, rng);
+        }
+}
+
+// Random volumes, cuboids, factors and shifts; quarter shifts make exact halves common.
+Geometry randomGeometry(std::mt19937& rng)
+{
+    auto pick = [&rng](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+    const double factors[] = {0.45, 0.5, 0.8, 1.0, 1.37, 1.7, 2.0, 3.1};
+    Geometry g{};
+    const int size[3] = {pick(1, 12), pick(1, 10), pick(1, 9)};
+    int at[3], extent[3], dstAt[3], dstExtent[3];
+    for (int a = 0; a < 3; ++a) {
+        at[a] = pick(0, (size[a] - 1) / 2);
+        extent[a] = pick(1, size[a] - at[a] + 2);
+        g.factor[a] = factors[pick(0, 7)];
+        g.shift[a] = pick(0, 1) ? pick(-16, 16) / 4.0
+                                : std::uniform_real_distribution<double>(-4, 4)(rng);
+        // The destination cuboid starts near where the source cuboid lands.
+        dstAt[a] = std::max(0, int(std::floor(at[a] * g.factor[a] + g.shift[a])) - pick(0, 3));
+        dstExtent[a] = pick(1, 24);
+    }
+    g.vol = {size[0], size[1], size[2]};
+    g.src = {at[0], at[1], at[2], extent[0], extent[1], extent[2]};
+    g.dst = {dstAt[0], dstAt[1], dstAt[2], dstExtent[0], dstExtent[1], dstExtent[2]};
+    return g;
+}
+
+TYPED_TEST(ResizeTyped, RandomGeometryMatchesTheReferenceInEveryLayout)
+{
+    for (unsigned trial = 0; trial < 60; ++trial) {
+        const unsigned seed = 5000 + trial;
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        std::mt19937 rng(seed);
+        // Every fifth trial may come out empty; the others are drawn until they write.
+        Geometry g = randomGeometry(rng);
+        while (trial % 5 && ref::resizeRegion(g.vol, g.src, g.dst, g.factor, g.shift).empty())
+            g = randomGeometry(rng);
+        checkAllLayouts(randomVoxels<TypeParam>(g.vol, rng), g, kSelectors[trial % 6], rng);
+    }
+}
+
+// ------------------------------------------------------------------ exact values
+
+TYPED_TEST(ResizeTyped, UnitFactorReproducesTheSourceForInterpolatingKernels)
+{
+    std::mt19937 rng(77);
+    const VolumeSize vol{7, 5, 4};
+    const auto values = randomVoxels<TypeParam>(vol, rng);
+    const Geometry cases[] = {
+        {vol, {0, 0, 0, 7, 5, 4}, {0, 0, 0, 7, 5, 4}, {1, 1, 1}, {0, 0, 0}},
+        {vol, {1, 2, 1, 5, 3, 2}, {0, 0, 0, 9, 9, 9}, {1, 1, 1}, {0, 0, 0}},
+    };
+    for (const Geometry& g : cases)
+        for (int selector : {1, 2, 4, 6})
+            for (Layout layout : kLayouts) {
+                SCOPED_TRACE(describe(g, selector, layout));
+                const auto out = resizeAndCheck(values, g, selector, layout, rng);
+                std::vector<TypeParam> want;
+                for (int z = g.src.z; z < g.src.z + g.src.depth; ++z)
+                    for (int y = g.src.y; y < g.src.y + g.src.height; ++y)
+                        for (int x = g.src.x; x < g.src.x + g.src.width; ++x)
+                            want.push_back(values.at(x, y, z));
+                EXPECT_TRUE(sameBits(out, want));
+            }
+}
+
+// At unit factor the smoothing kernels weigh the neighbours 1/6, 2/3, 1/6 (B-spline) and
+// 1/12, 5/6, 1/12 (B = 1/2, C = 3/10) per axis, with the border voxel repeated.
+TEST(ResizeSmoothing, UnitFactorSmoothsWithTheKernelsWeightsAtZero)
+{
+    std::mt19937 rng(56);
+    const VolumeSize vol{6, 5, 4};
+    const auto values = randomVoxels<float>(vol, rng);
+    const Geometry g{vol, {0, 0, 0, 6, 5, 4}, {0, 0, 0, 6, 5, 4}, {1, 1, 1}, {0, 0, 0}};
+    const struct {
+        int selector;
+        double side, centre;
+    } kernels[] = {{5, 1.0 / 6, 2.0 / 3}, {7, 1.0 / 12, 5.0 / 6}};
+    for (const auto& k : kernels) {
+        SCOPED_TRACE(describe(g, k.selector, Layout::Block));
+        const auto out = resizeAndCheck(values, g, k.selector, Layout::Block, rng);
+        ASSERT_EQ(out.size(), values.v.size());
+        const double w[3] = {k.side, k.centre, k.side};
+        auto c = [](int i, int n) { return std::clamp(i, 0, n - 1); };
+        for (int z = 0, n = 0; z < vol.depth; ++z)
+            for (int y = 0; y < vol.height; ++y)
+                for (int x = 0; x < vol.width; ++x, ++n) {
+                    double sum = 0, size = 0;
+                    for (int k3 = 0; k3 < 27; ++k3) {
+                        const int i = k3 % 3, j = k3 / 3 % 3, l = k3 / 9;
+                        const double term = w[i] * w[j] * w[l] *
+                                            values.at(c(x + i - 1, vol.width),
+                                                      c(y + j - 1, vol.height),
+                                                      c(z + l - 1, vol.depth));
+                        sum += term, size += std::fabs(term);
+                    }
+                    EXPECT_NEAR(out[n], sum, 1e-5 * std::max(1.0, size)) << x << "," << y << "," << z;
+                }
+    }
+}
+
+// Factor 2 with shift 1/2 puts every even destination voxel exactly halfway between two
+// source voxels; nearest takes the lower one there, on every axis.
+TEST(ResizeNearest, ExactHalfPicksTheLowerVoxel)
+{
+    std::mt19937 rng(2);
+    const float want[] = {10, 10, 10, 20, 20, 30, 30, 40, 40, 50, 50};
+    for (int axis = 0; axis < 3; ++axis) {
+        SCOPED_TRACE("axis " + std::to_string(axis));
+        int size[3] = {1, 1, 1};
+        size[axis] = 5;
+        Voxels<float> values{{size[0], size[1], size[2]}, {10, 20, 30, 40, 50}};
+        Geometry g{values.size, {0, 0, 0, size[0], size[1], size[2]}, {0, 0, 0, 16, 16, 16},
+                   {1, 1, 1}, {0, 0, 0}};
+        g.factor[axis] = 2, g.shift[axis] = 0.5;
+        const auto out = resizeAndCheck(values, g, vlkInterNearest, Layout::Block, rng);
+        ASSERT_EQ(out.size(), std::size(want));
+        for (std::size_t i = 0; i < out.size(); ++i) EXPECT_EQ(out[i], want[i]) << i;
+    }
+}
+
+// A 0-to-maximum step makes the cubic kernels with negative lobes ring; the integer types
+// clamp the ringing at 0 and the maximum instead of wrapping around.
+template <class T>
+void stepEdgeClamps()
+{
+    constexpr T top = std::numeric_limits<T>::max();
+    std::mt19937 rng(sizeof(T));
+    const VolumeSize vol{10, 3, 2};
+    Voxels<T> values{vol, std::vector<T>(60)};
+    for (std::size_t i = 0; i < values.v.size(); ++i) values.v[i] = i % 10 < 5 ? 0 : top;
+    const Geometry g{vol, {0, 0, 0, 10, 3, 2}, {0, 0, 0, 40, 8, 8}, {2.3, 1, 1}, {0.4, 0, 0}};
+    for (int selector : {4, 6, 7}) {
+        SCOPED_TRACE(describe(g, selector, Layout::Block));
+        const auto out = resizeAndCheck(values, g, selector, Layout::Block, rng);
+        const ref::ResizeRegion r = ref::resizeRegion(g.vol, g.src, g.dst, g.factor, g.shift);
+        int below = 0, above = 0;
+        std::size_t n = 0;
+        for (int z = r.begin[2]; z < r.end[2]; ++z)
+            for (int y = r.begin[1]; y < r.end[1]; ++y)
+                for (int x = r.begin[0]; x < r.end[0]; ++x, ++n) {
+                    const int d[3] = {x, y, z};
+                    const double v = ref::resizeVoxel(values, vol, selector, d, g.factor, g.shift);
+                    if (v < -0.5) {
+                        ++below;
+                        EXPECT_EQ(int(out[n]), 0) << x;
+                    }
+                    if (v > top + 0.5) {
+                        ++above;
+                        EXPECT_EQ(int(out[n]), int(top)) << x;
+                    }
+                }
+        EXPECT_GT(below, 0);
+        EXPECT_GT(above, 0);
+    }
+}
+
+TEST(ResizeCubic, IntegerOvershootClampsToTheTypeRange)
+{
+    stepEdgeClamps<Vlk8u>();
+    stepEdgeClamps<Vlk16u>();
+}
+
+// The 8-bit trilinear path blends in fixed point: resizeAndCheck holds every voxel to one step
+// of the exactly rounded value and the mean signed difference to a quarter step.
+TEST(ResizeLinear8u, FixedPointBlendIsUnbiased)
+{
+    std::mt19937 rng(137);
+    const VolumeSize vol{12, 10, 9};
+    const Geometry g{vol, {0, 0, 0, 12, 10, 9}, {0, 0, 0, 40, 40, 40}, {1.37, 1.37, 1.37},
+                     {0.3, -0.2, 0.1}};
+    const auto values = randomVoxels<Vlk8u>(vol, rng);
+    EXPECT_GT(resizeAndCheck(values, g, vlkInterLinear, Layout::Block, rng).size(), 2000u);
+}
+
+// ------------------------------------------------------------------ work buffer
+
+// The queried size is all the resize may touch, wherever the buffer starts: canaries on both
+// sides of it, at start offsets 0 to 63 from a 64-byte boundary.
+TYPED_TEST(ResizeTyped, WorkBufferStaysWithinItsQueriedSizeAtAnyAlignment)
+{
+    std::mt19937 rng(64);
+    const Geometry cases[] = {
+        {{9, 7, 5}, {0, 0, 0, 9, 7, 5}, {0, 0, 0, 15, 12, 9}, {1.7, 1.7, 1.7}, {0, 0, 0}},
+        {{12, 10, 9}, {0, 0, 0, 12, 10, 9}, {0, 0, 0, 5, 5, 7}, {0.45, 0.5, 0.8}, {0, 0, 0}},
+        {{12, 10, 9}, {0, 0, 0, 12, 10, 9}, {5, 4, 3, 2, 3, 2}, {2.5, 1.7, 3.1}, {-1, 0.5, 0}},
+    };
+    for (const Geometry& g : cases) {
+        const auto values = randomVoxels<TypeParam>(g.vol, rng);
+        for (int selector : kSelectors) {
+            int size = 0;
+            ASSERT_EQ(vlkrResizeGetBufSize(&g.src, &g.dst, 1, selector, &size), vlkStatusOk);
+            for (int offset : {0, 1, 2, 3, 4, 7, 8, 12, 15, 16, 31, 32, 33, 47, 48, 63}) {
+                SCOPED_TRACE(describe(g, selector, Layout::Block) + " offset " +
+                             std::to_string(offset));
+                std::vector<unsigned char> block(std::size_t(size) + 256, 0x5A);
+                const auto address = reinterpret_cast<std::uintptr_t>(block.data()) + 64;
+                const std::size_t start = (address & ~std::uintptr_t(63)) -
+                                          reinterpret_cast<std::uintptr_t>(block.data()) + offset;
+                resizeAndCheck(values, g, selector, Layout::Block, rng, block.data() + start);
+                const std::size_t end = start + std::size_t(size);
+                const auto outside = [&](std::size_t i) { return i < start || i >= end; };
+                std::size_t changed = 0;
+                for (std::size_t i = 0; i < block.size(); ++i)
+                    changed += outside(i) && block[i] != 0x5A;
+                EXPECT_EQ(changed, 0u) << "bytes changed around a buffer of " << size;
+            }
+        }
+    }
+}
+
+}  // namespace
