@@ -273,27 +273,6 @@ void runResize(const ResizeFrame& frame, const Layout<const T>& src, const Layou
     kRuns[interpolation](frame, src, dst, buffer);
 }
 
-template void runResize<std::uint8_t, BlockLayout>(const ResizeFrame&,
-                                                   const BlockLayout<const std::uint8_t>&,
-                                                   const BlockLayout<std::uint8_t>&, int,
-                                                   unsigned char*) noexcept;
-template void runResize<std::uint16_t, BlockLayout>(const ResizeFrame&,
-                                                    const BlockLayout<const std::uint16_t>&,
-                                                    const BlockLayout<std::uint16_t>&, int,
-                                                    unsigned char*) noexcept;
-template void runResize<float, BlockLayout>(const ResizeFrame&, const BlockLayout<const float>&,
-                                            const BlockLayout<float>&, int,
-                                            unsigned char*) noexcept;
-template void runResize<std::uint8_t, PlaneLayout>(const ResizeFrame&,
-                                                   const PlaneLayout<const std::uint8_t>&,
-                                                   const PlaneLayout<std::uint8_t>&, int,
-                                                   unsigned char*) noexcept;
-template void runResize<std::uint16_t, PlaneLayout>(const ResizeFrame&,
-                                                    const PlaneLayout<const std::uint16_t>&,
-                                                    const PlaneLayout<std::uint16_t>&, int,
-                                                    unsigned char*) noexcept;
-template void runResize<float, PlaneLayout>(const ResizeFrame&, const PlaneLayout<const float>&,
-                                            const PlaneLayout<float>&, int,
-                                            unsigned char*) noexcept;
+VLKR_FOR_EACH_RESIZE(VLKR_RESIZE_INSTANCE)
 
 }  // namespace vlkr::volume

@@ -15,15 +15,19 @@ template <class T, template <class> class Layout>
 void runResize(const ResizeFrame& frame, const Layout<const T>& src, const Layout<T>& dst,
                int interpolation, unsigned char* buffer) noexcept;
 
-#define VLKR_DECLARE_RESIZE(T, Layout)                                                    \
-    extern template void runResize<T, Layout>(const ResizeFrame&, const Layout<const T>&, \
-                                              const Layout<T>&, int, unsigned char*) noexcept;
-VLKR_DECLARE_RESIZE(std::uint8_t, BlockLayout)
-VLKR_DECLARE_RESIZE(std::uint16_t, BlockLayout)
-VLKR_DECLARE_RESIZE(float, BlockLayout)
-VLKR_DECLARE_RESIZE(std::uint8_t, PlaneLayout)
-VLKR_DECLARE_RESIZE(std::uint16_t, PlaneLayout)
-VLKR_DECLARE_RESIZE(float, PlaneLayout)
+// Every voxel type in every layout: one instance each, compiled in resize.cpp.
+#define VLKR_FOR_EACH_RESIZE(X)   \
+    X(std::uint8_t, BlockLayout)  \
+    X(std::uint16_t, BlockLayout) \
+    X(float, BlockLayout)         \
+    X(std::uint8_t, PlaneLayout)  \
+    X(std::uint16_t, PlaneLayout) \
+    X(float, PlaneLayout)
+#define VLKR_RESIZE_INSTANCE(T, Layout)                                            \
+    template void runResize<T, Layout>(const ResizeFrame&, const Layout<const T>&, \
+                                       const Layout<T>&, int, unsigned char*) noexcept;
+#define VLKR_DECLARE_RESIZE(T, Layout) extern VLKR_RESIZE_INSTANCE(T, Layout)
+VLKR_FOR_EACH_RESIZE(VLKR_DECLARE_RESIZE)
 #undef VLKR_DECLARE_RESIZE
 
 }  // namespace vlkr::volume

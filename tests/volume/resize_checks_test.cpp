@@ -1,28 +1,31 @@
 // Volume resize arguments: the order of the checks, warnings and errors leaving the
 // destination alone, the destination box query and the work-buffer size query.
+#include <gtest/gtest.h>
+
 #include <cmath>
 #include <cstring>
 #include <limits>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
+#include "resize_ops.h"
 #include "vlkr.h"
 
 // Cuboid comparison and printing for the box checks; ADL finds them beside Cuboid.
 static bool operator==(const Cuboid& a, const Cuboid& b)
 {
-    return a.x == b.x && a.y == b.y && a.z == b.z && a.width == b.width &&
-           a.height == b.height && a.depth == b.depth;
+    return a.x == b.x && a.y == b.y && a.z == b.z && a.width == b.width && a.height == b.height &&
+           a.depth == b.depth;
 }
 static std::ostream& operator<<(std::ostream& os, const Cuboid& c)
 {
-    return os << "{" << c.x << "," << c.y << "," << c.z << "," << c.width << "," << c.height
-              << "," << c.depth << "}";
+    return os << "{" << c.x << "," << c.y << "," << c.z << "," << c.width << "," << c.height << ","
+              << c.depth << "}";
 }
 
 namespace {
+
+using vlkr::test::Ops;
 
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr int kSelectors[] = {1, 2, 4, 5, 6, 7};
@@ -65,8 +68,7 @@ const Row kRows[] = {
     {"destination z -1", [](Args& a) { a.dst.z = -1; }, vlkStatusSize},
     {"destination width 0", [](Args& a) { a.dst.width = 0; }, vlkStatusSize},
     {"destination height -3", [](Args& a) { a.dst.height = -3; }, vlkStatusSize},
-    {"zero width, zero factor", [](Args& a) { a.vol.width = 0, a.factor[1] = 0; },
-     vlkStatusSize},
+    {"zero width, zero factor", [](Args& a) { a.vol.width = 0, a.factor[1] = 0; }, vlkStatusSize},
     {"destination depth 0, selector 3", [](Args& a) { a.dst.depth = 0, a.selector = 3; },
      vlkStatusSize},
     {"volume depth 0, origin outside", [](Args& a) { a.vol.depth = 0, a.src.x = 9; },
@@ -97,24 +99,6 @@ const Row kRows[] = {
     {"trimmed source ends before the destination",
      [](Args& a) { a.src = {5, 0, 0, 10, 5, 4}, a.factor[0] = 1, a.dst = {6, 0, 0, 4, 5, 4}; },
      vlkStatusNoOperation},
-};
-
-template <class T>
-struct Ops;
-template <>
-struct Ops<Vlk8u> {
-    static constexpr auto block = &vlkrResize_8u_C1V;
-    static constexpr auto planes = &vlkrResize_8u_C1PV;
-};
-template <>
-struct Ops<Vlk16u> {
-    static constexpr auto block = &vlkrResize_16u_C1V;
-    static constexpr auto planes = &vlkrResize_16u_C1PV;
-};
-template <>
-struct Ops<Vlk32f> {
-    static constexpr auto block = &vlkrResize_32f_C1V;
-    static constexpr auto planes = &vlkrResize_32f_C1PV;
 };
 
 // Every row through both layouts: its status, and a destination (a 32-cube, canary-filled)
@@ -150,9 +134,8 @@ void checkRows()
                                         a.nullDst ? nullptr : dstPlanes.data(), step, dstVoi, f[0],
                                         f[1], f[2], s[0], s[1], s[2], a.selector, buf)
                        : Ops<T>::block(a.nullSrc ? nullptr : src.data(), vol, step, step * kSide,
-                                       srcVoi, a.nullDst ? nullptr : dst.data(), step,
-                                       step * kSide, dstVoi, f[0], f[1], f[2], s[0], s[1], s[2],
-                                       a.selector, buf);
+                                       srcVoi, a.nullDst ? nullptr : dst.data(), step, step * kSide,
+                                       dstVoi, f[0], f[1], f[2], s[0], s[1], s[2], a.selector, buf);
             EXPECT_EQ(status, row.want);
             if (status != vlkStatusOk) {
                 EXPECT_EQ(std::memcmp(dst.data(), before.data(), dst.size() * sizeof(T)), 0)
@@ -180,7 +163,11 @@ TEST(ResizeCuboid, BoxRoundsStartsDownAndEndsUpAtHalvesAndClampsAtZero)
         Cuboid box;
     } rows[] = {
         {{0, 0, 0, 10, 8, 6}, {2, 2, 2}, {0, 0, 0}, vlkStatusOk, {0, 0, 0, 20, 16, 12}},
-        {{2, 3, 4, 5, 6, 7}, {0.45, 1.7, 3.1}, {0.3, -0.2, 1.0}, vlkStatusOk, {1, 5, 13, 2, 10, 22}},
+        {{2, 3, 4, 5, 6, 7},
+         {0.45, 1.7, 3.1},
+         {0.3, -0.2, 1.0},
+         vlkStatusOk,
+         {1, 5, 13, 2, 10, 22}},
         // Starts at 1.5, 2.5, -0.5 and ends at 4.5, 5.5, 5.5.
         {{1, 2, 1, 2, 3, 3}, {1.5, 1, 2}, {0, 0.5, -2.5}, vlkStatusOk, {1, 2, 0, 4, 4, 6}},
         // Starts below zero are raised to zero.
@@ -220,8 +207,8 @@ TEST(ResizeBufSize, SizeFollowsTheDestinationExtentsOnly)
         int width, height, depth;
         int nearest, linear, cubic;
     } rows[] = {
-        {1, 1, 1, 256, 2560, 7936},         {15, 12, 9, 256, 8960, 32000},
-        {64, 33, 17, 640, 22656, 92032},    {100, 7, 3, 640, 13952, 78720},
+        {1, 1, 1, 256, 2560, 7936},      {15, 12, 9, 256, 8960, 32000},
+        {64, 33, 17, 640, 22656, 92032}, {100, 7, 3, 640, 13952, 78720},
         {17, 65, 2, 576, 38464, 116544},
     };
     const Cuboid sources[] = {{0, 0, 0, 1, 1, 1}, {3, 9, 2, 40, 7, 300}};

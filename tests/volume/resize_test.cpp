@@ -1,5 +1,7 @@
 // Volume resize against a per-voxel double-precision reference: every voxel type, block and
 // plane layouts and all six selectors, with canaries on every byte the library may not write.
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -12,36 +14,19 @@
 #include <type_traits>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "reference/resize_reference.h"
+#include "resize_ops.h"
 #include "test_mesh.h"
 #include "vlkr.h"
 
 namespace {
 
+using vlkr::test::Ops;
+
 using vlkr::test::bitsOf;
 namespace ref = vlkr::reference;
 
 constexpr int kSelectors[] = {1, 2, 4, 5, 6, 7};
-
-template <class T>
-struct Ops;
-template <>
-struct Ops<Vlk8u> {
-    static constexpr auto block = &vlkrResize_8u_C1V;
-    static constexpr auto planes = &vlkrResize_8u_C1PV;
-};
-template <>
-struct Ops<Vlk16u> {
-    static constexpr auto block = &vlkrResize_16u_C1V;
-    static constexpr auto planes = &vlkrResize_16u_C1PV;
-};
-template <>
-struct Ops<Vlk32f> {
-    static constexpr auto block = &vlkrResize_32f_C1V;
-    static constexpr auto planes = &vlkrResize_32f_C1PV;
-};
 
 // Destination bytes the library may not write hold 0xA5.
 template <class T>
@@ -120,7 +105,10 @@ template <class T>
 struct Voxels {
     VolumeSize size;
     std::vector<T> v;
-    T at(int x, int y, int z) const { return v[(std::size_t(z) * size.height + y) * size.width + x]; }
+    T at(int x, int y, int z) const
+    {
+        return v[(std::size_t(z) * size.height + y) * size.width + x];
+    }
     double operator()(int x, int y, int z) const { return double(at(x, y, z)); }
 };
 
@@ -149,12 +137,11 @@ std::string describe(const Geometry& g, int selector, Layout layout)
 {
     std::ostringstream os;
     os << "volume " << g.vol.width << "x" << g.vol.height << "x" << g.vol.depth << " src {"
-       << g.src.x << "," << g.src.y << "," << g.src.z << "," << g.src.width << ","
-       << g.src.height << "," << g.src.depth << "} dst {" << g.dst.x << "," << g.dst.y << ","
-       << g.dst.z << "," << g.dst.width << "," << g.dst.height << "," << g.dst.depth
-       << "} factor " << g.factor[0] << "," << g.factor[1] << "," << g.factor[2] << " shift "
-       << g.shift[0] << "," << g.shift[1] << "," << g.shift[2] << " selector " << selector
-       << " layout " << nameOf(layout);
+       << g.src.x << "," << g.src.y << "," << g.src.z << "," << g.src.width << "," << g.src.height
+       << "," << g.src.depth << "} dst {" << g.dst.x << "," << g.dst.y << "," << g.dst.z << ","
+       << g.dst.width << "," << g.dst.height << "," << g.dst.depth << "} factor " << g.factor[0]
+       << "," << g.factor[1] << "," << g.factor[2] << " shift " << g.shift[0] << "," << g.shift[1]
+       << "," << g.shift[2] << " selector " << selector << " layout " << nameOf(layout);
     return os.str();
 }
 
@@ -166,8 +153,8 @@ vlkStatus resize(const Volume<T>& src, const Geometry& g, Volume<T>& dst, int se
     if (src.layout == Layout::Planes) {
         const std::vector<const T*> in(src.planes.begin(), src.planes.end());
         return Ops<T>::planes(in.data(), &src.size, src.rowStep(), &g.src, dst.planes.data(),
-                              dst.rowStep(), &g.dst, f[0], f[1], f[2], s[0], s[1], s[2],
-                              selector, buffer);
+                              dst.rowStep(), &g.dst, f[0], f[1], f[2], s[0], s[1], s[2], selector,
+                              buffer);
     }
     return Ops<T>::block(src.planes[0], &src.size, src.rowStep(), src.planeStep(), &g.src,
                          dst.planes[0], dst.rowStep(), dst.planeStep(), &g.dst, f[0], f[1], f[2],
@@ -265,7 +252,8 @@ void checkAllLayouts(const Voxels<T>& values, const Geometry& g, int selector, s
 }
 
 template <class T>
-class ResizeTyped : public ::testing::Test {};
+class ResizeTyped : public ::testing::Test {
+};
 struct VoxelNames {
     template <class T>
     static std::string GetName(int)
@@ -320,8 +308,8 @@ Geometry randomGeometry(std::mt19937& rng)
         at[a] = pick(0, (size[a] - 1) / 2);
         extent[a] = pick(1, size[a] - at[a] + 2);
         g.factor[a] = factors[pick(0, 7)];
-        g.shift[a] = pick(0, 1) ? pick(-16, 16) / 4.0
-                                : std::uniform_real_distribution<double>(-4, 4)(rng);
+        g.shift[a] =
+            pick(0, 1) ? pick(-16, 16) / 4.0 : std::uniform_real_distribution<double>(-4, 4)(rng);
         // The destination cuboid starts near where the source cuboid lands.
         dstAt[a] = std::max(0, int(std::floor(at[a] * g.factor[a] + g.shift[a])) - pick(0, 3));
         dstExtent[a] = pick(1, 24);
@@ -395,13 +383,14 @@ TEST(ResizeSmoothing, UnitFactorSmoothsWithTheKernelsWeightsAtZero)
                     double sum = 0, size = 0;
                     for (int k3 = 0; k3 < 27; ++k3) {
                         const int i = k3 % 3, j = k3 / 3 % 3, l = k3 / 9;
-                        const double term = w[i] * w[j] * w[l] *
-                                            values.at(c(x + i - 1, vol.width),
-                                                      c(y + j - 1, vol.height),
-                                                      c(z + l - 1, vol.depth));
+                        const double term =
+                            w[i] * w[j] * w[l] *
+                            values.at(c(x + i - 1, vol.width), c(y + j - 1, vol.height),
+                                      c(z + l - 1, vol.depth));
                         sum += term, size += std::fabs(term);
                     }
-                    EXPECT_NEAR(out[n], sum, 1e-5 * std::max(1.0, size)) << x << "," << y << "," << z;
+                    EXPECT_NEAR(out[n], sum, 1e-5 * std::max(1.0, size))
+                        << x << "," << y << "," << z;
                 }
     }
 }
@@ -417,8 +406,11 @@ TEST(ResizeNearest, ExactHalfPicksTheLowerVoxel)
         int size[3] = {1, 1, 1};
         size[axis] = 5;
         Voxels<float> values{{size[0], size[1], size[2]}, {10, 20, 30, 40, 50}};
-        Geometry g{values.size, {0, 0, 0, size[0], size[1], size[2]}, {0, 0, 0, 16, 16, 16},
-                   {1, 1, 1}, {0, 0, 0}};
+        Geometry g{values.size,
+                   {0, 0, 0, size[0], size[1], size[2]},
+                   {0, 0, 0, 16, 16, 16},
+                   {1, 1, 1},
+                   {0, 0, 0}};
         g.factor[axis] = 2, g.shift[axis] = 0.5;
         const auto out = resizeAndCheck(values, g, vlkInterNearest, Layout::Block, rng);
         ASSERT_EQ(out.size(), std::size(want));
@@ -474,8 +466,8 @@ TEST(ResizeLinear8u, FixedPointBlendIsUnbiased)
 {
     std::mt19937 rng(137);
     const VolumeSize vol{12, 10, 9};
-    const Geometry g{vol, {0, 0, 0, 12, 10, 9}, {0, 0, 0, 40, 40, 40}, {1.37, 1.37, 1.37},
-                     {0.3, -0.2, 0.1}};
+    const Geometry g{
+        vol, {0, 0, 0, 12, 10, 9}, {0, 0, 0, 40, 40, 40}, {1.37, 1.37, 1.37}, {0.3, -0.2, 0.1}};
     const auto values = randomVoxels<Vlk8u>(vol, rng);
     EXPECT_GT(resizeAndCheck(values, g, vlkInterLinear, Layout::Block, rng).size(), 2000u);
 }

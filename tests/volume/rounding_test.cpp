@@ -1,9 +1,9 @@
 // The float route of the integer voxel store against its definition, truncate(double(v) +
 // 0.5000001) saturated, on every float near each rounding edge up to 65535.5.
+#include <gtest/gtest.h>
+
 #include <cmath>
 #include <cstdint>
-
-#include <gtest/gtest.h>
 
 #include "volume/voxel.h"
 
