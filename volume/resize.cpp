@@ -16,7 +16,7 @@
 namespace vlkr::volume {
 namespace {
 
-// Sources positions are pinned to this distance from the origin before taking the floor, so
+// Source positions are pinned to this distance from the origin before taking the floor, so
 // absurd factors or shifts still give indices that the edge path clamps.
 constexpr double kFarPosition = 1 << 30;
 // Nearest neighbour subtracts this from the offset once, so an exact half picks the lower voxel.
@@ -198,6 +198,7 @@ void resizeSeparable(const ResizeFrame& f, const Layout<const T>& src, const Lay
     constexpr int kTaps = Kernel::kTaps;
     constexpr bool kCubic = kTaps == 4;
     constexpr bool kFixedBlend = std::is_same_v<T, std::uint8_t> && !kCubic;
+    // The four cubic selectors share one buffer plan.
     const Scratch s = carve(buffer, f, kCubic ? vlkInterCatmullRom : vlkInterLinear);
     const ResizeAxis &ax = f.axis[0], &ay = f.axis[1], &az = f.axis[2];
     const int width = ax.extent(), height = ay.extent();
