@@ -271,4 +271,67 @@ VLKR_API vlkStatus vlkrResize_32f_C1PV(const Vlk32f* const src[], const VolumeSi
                                       xFactor, yFactor, zFactor, xShift, yShift, zShift,
                                       interpolation, buffer);
 }
+
+VLKR_API vlkStatus vlkrWarpAffineGetBufSize(const Cuboid* srcVoi, const Cuboid* dstVoi,
+                                            int nChannel, int interpolation, int* pSize)
+{
+    return vlkr::volume::warpAffineGetBufSize(srcVoi, dstVoi, nChannel, interpolation, pSize);
+}
+
+VLKR_API vlkStatus vlkrWarpAffine_8u_C1PV(const Vlk8u* const src[], const VolumeSize* srcVolume,
+                                      int srcStep, const Cuboid* srcVoi, Vlk8u* const dst[],
+                                      int dstStep, const Cuboid* dstVoi, const double coeffs[3][4],
+                                      int interpolation)
+{
+    return vlkr::volume::warpAffine(src, srcVolume, srcStep, srcVoi, dst, dstStep, dstVoi, coeffs,
+                                    interpolation);
+}
+
+VLKR_API vlkStatus vlkrWarpAffine_16u_C1PV(const Vlk16u* const src[], const VolumeSize* srcVolume,
+                                      int srcStep, const Cuboid* srcVoi, Vlk16u* const dst[],
+                                      int dstStep, const Cuboid* dstVoi, const double coeffs[3][4],
+                                      int interpolation)
+{
+    return vlkr::volume::warpAffine(src, srcVolume, srcStep, srcVoi, dst, dstStep, dstVoi, coeffs,
+                                    interpolation);
+}
+
+VLKR_API vlkStatus vlkrWarpAffine_32f_C1PV(const Vlk32f* const src[], const VolumeSize* srcVolume,
+                                      int srcStep, const Cuboid* srcVoi, Vlk32f* const dst[],
+                                      int dstStep, const Cuboid* dstVoi, const double coeffs[3][4],
+                                      int interpolation)
+{
+    return vlkr::volume::warpAffine(src, srcVolume, srcStep, srcVoi, dst, dstStep, dstVoi, coeffs,
+                                    interpolation);
+}
+
+VLKR_API vlkStatus vlkrRemap_8u_C1PV(const Vlk8u* const src[], const VolumeSize* srcVolume,
+                                 int srcStep, Cuboid* srcVoi, const float* const xMap[],
+                                 const float* const yMap[], const float* const zMap[], int mapStep,
+                                 Vlk8u* const dst[], int dstStep, const VolumeSize* dstVolume,
+                                 int interpolation)
+{
+    return vlkr::volume::remap(src, srcVolume, srcStep, srcVoi, xMap, yMap, zMap, mapStep, dst,
+                               dstStep, dstVolume, interpolation);
+}
+
+VLKR_API vlkStatus vlkrRemap_16u_C1PV(const Vlk16u* const src[], const VolumeSize* srcVolume,
+                                 int srcStep, Cuboid* srcVoi, const float* const xMap[],
+                                 const float* const yMap[], const float* const zMap[], int mapStep,
+                                 Vlk16u* const dst[], int dstStep, const VolumeSize* dstVolume,
+                                 int interpolation)
+{
+    return vlkr::volume::remap(src, srcVolume, srcStep, srcVoi, xMap, yMap, zMap, mapStep, dst,
+                               dstStep, dstVolume, interpolation);
+}
+
+VLKR_API vlkStatus vlkrRemap_32f_C1PV(const Vlk32f* const src[], const VolumeSize* srcVolume,
+                                 int srcStep, Cuboid* srcVoi, const float* const xMap[],
+                                 const float* const yMap[], const float* const zMap[], int mapStep,
+                                 Vlk32f* const dst[], int dstStep, const VolumeSize* dstVolume,
+                                 int interpolation)
+{
+    return vlkr::volume::remap(src, srcVolume, srcStep, srcVoi, xMap, yMap, zMap, mapStep, dst,
+                               dstStep, dstVolume, interpolation);
+}
 }  // extern "C"

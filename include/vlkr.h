@@ -397,11 +397,19 @@ VLKR_API vlkStatus vlkrResize_32f_C1PV(const Vlk32f* const src[], const VolumeSi
                                        double yShift, double zShift, int interpolation,
                                        unsigned char* buffer);
 
-/* Work-buffer size query of the affine warp; nChannel must be 1. */
+/* Work-buffer size query of the affine warp, kept beside resize's: the warp takes no buffer,
+ * so the size is always 0. nChannel must be 1. */
 VLKR_API vlkStatus vlkrWarpAffineGetBufSize(const Cuboid* srcVoi, const Cuboid* dstVoi,
                                             int nChannel, int interpolation, int* pSize);
 
-/* Affine warp: each destination voxel samples the source at coeffs * (x, y, z, 1). */
+/*
+ * Affine warp. coeffs maps source voxel coordinates to destination ones,
+ * dst = coeffs[.][0..2] * src + coeffs[.][3]; each destination voxel of dstVoi whose
+ * pre-image under that map lies inside srcVoi (trimmed to the volume, bounds inclusive)
+ * samples the source there; every other voxel keeps its value. Plane arrays are indexed by
+ * absolute z, steps are in bytes. A source of depth 1 is warped as one plane into plane
+ * dstVoi->z with the x and y rows of coeffs. Checks src, dst (coeffs is not checked).
+ */
 VLKR_API vlkStatus vlkrWarpAffine_8u_C1PV(const Vlk8u* const src[], const VolumeSize* srcVolume,
                                           int srcStep, const Cuboid* srcVoi, Vlk8u* const dst[],
                                           int dstStep, const Cuboid* dstVoi,
@@ -417,8 +425,13 @@ VLKR_API vlkStatus vlkrWarpAffine_32f_C1PV(const Vlk32f* const src[],
                                            int dstStep, const Cuboid* dstVoi,
                                            const double coeffs[3][4], int interpolation);
 
-/* Remap: each destination voxel samples the source at (xMap, yMap, zMap). srcVoi is
- * read and trimmed in place. */
+/*
+ * Remap: each destination voxel samples the source at (xMap, yMap, zMap) when that point
+ * lies inside srcVoi (bounds inclusive); others keep their value. On the volume path the
+ * call writes the trimmed width, height and depth back into *srcVoi (never its origin);
+ * a source of depth 1 is remapped as one plane and leaves *srcVoi as it was. Map and
+ * destination steps are bytes, as is the source step. Checks src, the maps, dst.
+ */
 VLKR_API vlkStatus vlkrRemap_8u_C1PV(const Vlk8u* const src[], const VolumeSize* srcVolume,
                                      int srcStep, Cuboid* srcVoi, const float* const xMap[],
                                      const float* const yMap[], const float* const zMap[],

@@ -24,4 +24,16 @@ vlkStatus resizePlanes(const T* const src[], const VolumeSize* srcVolume, int sr
                        double xFactor, double yFactor, double zFactor, double xShift, double yShift,
                        double zShift, int interpolation, unsigned char* buffer) noexcept;
 
+vlkStatus warpAffineGetBufSize(const Cuboid* srcVoi, const Cuboid* dstVoi, int nChannel,
+                               int interpolation, int* pSize) noexcept;
+template <class T>
+vlkStatus warpAffine(const T* const src[], const VolumeSize* srcVolume, int srcStep,
+                     const Cuboid* srcVoi, T* const dst[], int dstStep, const Cuboid* dstVoi,
+                     const double coeffs[3][4], int interpolation) noexcept;
+template <class T>
+vlkStatus remap(const T* const src[], const VolumeSize* srcVolume, int srcStep, Cuboid* srcVoi,
+                const float* const xMap[], const float* const yMap[], const float* const zMap[],
+                int mapStep, T* const dst[], int dstStep, const VolumeSize* dstVolume,
+                int interpolation) noexcept;
+
 }  // namespace vlkr::volume

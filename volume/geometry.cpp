@@ -87,6 +87,74 @@ vlkStatus resizeCuboid(const Cuboid& srcVoi, const double factor[3], const doubl
     return vlkStatusOk;
 }
 
+bool degenerateCoefficients(const double coeffs[3][4]) noexcept
+{
+    constexpr double kZero = 1e-100;
+    const double(*c)[4] = coeffs;
+    if (std::fabs(c[0][0]) <= kZero && std::fabs(c[1][1]) <= kZero && std::fabs(c[2][2]) <= kZero)
+        return true;
+    // Relative closeness, or absolute when the first product is nil.
+    auto near = [](double a, double b) {
+        return std::fabs(a) <= 1e-200 ? std::fabs(b) <= 1e-10 : std::fabs((a - b) / a) <= 1e-10;
+    };
+    // Kept on purpose: only the y and z rows are compared; the x row never is.
+    return near(c[1][1] * c[2][2], c[1][2] * c[2][1]) &&
+           near(c[2][2] * c[1][0], c[1][2] * c[2][0]) && near(c[1][0] * c[2][1], c[1][1] * c[2][0]);
+}
+
+double affineDeterminant(const double coeffs[3][4]) noexcept
+{
+    const double(*c)[4] = coeffs;
+    return c[0][0] * (c[1][1] * c[2][2] - c[1][2] * c[2][1]) -
+           c[0][1] * (c[1][0] * c[2][2] - c[1][2] * c[2][0]) +
+           c[0][2] * (c[1][0] * c[2][1] - c[1][1] * c[2][0]);
+}
+
+namespace {
+
+// Fills the translation -m * t of an inverse whose linear part is set.
+void invertTranslation(const double coeffs[3][4], AffineInverse* inv)
+{
+    for (int r = 0; r < 3; ++r)
+        inv->t[r] = -(inv->m[r][0] * coeffs[0][3] + inv->m[r][1] * coeffs[1][3] +
+                      inv->m[r][2] * coeffs[2][3]);
+}
+
+}  // namespace
+
+AffineInverse invertAffine(const double coeffs[3][4], double det) noexcept
+{
+    const double(*c)[4] = coeffs;
+    const double r = 1.0 / det;
+    AffineInverse inv{};
+    inv.m[0][0] = (c[1][1] * c[2][2] - c[1][2] * c[2][1]) * r;
+    inv.m[0][1] = (c[0][2] * c[2][1] - c[0][1] * c[2][2]) * r;
+    inv.m[0][2] = (c[0][1] * c[1][2] - c[0][2] * c[1][1]) * r;
+    inv.m[1][0] = (c[1][2] * c[2][0] - c[1][0] * c[2][2]) * r;
+    inv.m[1][1] = (c[0][0] * c[2][2] - c[0][2] * c[2][0]) * r;
+    inv.m[1][2] = (c[0][2] * c[1][0] - c[0][0] * c[1][2]) * r;
+    inv.m[2][0] = (c[1][0] * c[2][1] - c[1][1] * c[2][0]) * r;
+    inv.m[2][1] = (c[0][1] * c[2][0] - c[0][0] * c[2][1]) * r;
+    inv.m[2][2] = (c[0][0] * c[1][1] - c[0][1] * c[1][0]) * r;
+    invertTranslation(coeffs, &inv);
+    return inv;
+}
+
+AffineInverse invertPlanarAffine(const double coeffs[3][4], double det) noexcept
+{
+    const double(*c)[4] = coeffs;
+    const double r = 1.0 / det;
+    AffineInverse inv{};
+    inv.m[0][0] = c[1][1] * r;
+    inv.m[0][1] = -c[0][1] * r;
+    inv.m[1][0] = -c[1][0] * r;
+    inv.m[1][1] = c[0][0] * r;
+    // The plane's map has no z: its inverse reads no z translation either.
+    for (int k = 0; k < 2; ++k)
+        inv.t[k] = -(inv.m[k][0] * coeffs[0][3] + inv.m[k][1] * coeffs[1][3]);
+    return inv;
+}
+
 ResizeBufferPlan resizeBufferPlan(std::uint32_t width, std::uint32_t height, std::uint32_t depth,
                                   std::uint32_t nChannel, int interpolation) noexcept
 {

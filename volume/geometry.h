@@ -51,6 +51,26 @@ vlkStatus buildResizeFrame(const VolumeSize& srcVolume, const Cuboid& srcVoi, co
 vlkStatus resizeCuboid(const Cuboid& srcVoi, const double factor[3], const double shift[3],
                        Cuboid* dstVoi) noexcept;
 
+// Inverse of the warp's affine map: source point s = m * d + t of destination voxel d.
+struct AffineInverse {
+    double m[3][3];
+    double t[3];
+};
+
+// The warp's two rejections of a coefficient matrix: a diagonal of zeros, or y and z rows
+// that are proportional.
+bool degenerateCoefficients(const double coeffs[3][4]) noexcept;
+
+// Determinant of the linear part, expanded along the first row.
+double affineDeterminant(const double coeffs[3][4]) noexcept;
+
+// The inverse map: adjugate times 1 / det, translation -inverse * t.
+AffineInverse invertAffine(const double coeffs[3][4], double det) noexcept;
+
+// The same for the map of one plane (rows x and y, columns x, y and translation), with
+// det = c00 c11 - c01 c10; the z row and column of the result are zero.
+AffineInverse invertPlanarAffine(const double coeffs[3][4], double det) noexcept;
+
 // Work-buffer pieces of a resize over a destination of width x height x depth voxels, in
 // bytes, each a multiple of 64 so that pieces carved one after another from a 64-byte
 // aligned start all stay 64-byte aligned.

@@ -27,13 +27,19 @@ struct FourTapCubic {
         const double a = x < 0 ? -x : x;
         return a < 2 ? Kernel::piece(a) : 0.0;
     }
+    static void weights(double t, double w[4])
+    {
+        w[0] = at(1.0 + t);
+        w[1] = at(t);
+        w[2] = at(1.0 - t);
+        w[3] = at(2.0 - t);
+    }
+    // The weights of a float fraction, kept as floats.
     static void weights(float t, float w[4])
     {
-        const double d = t;
-        w[0] = float(at(1.0 + d));
-        w[1] = float(at(d));
-        w[2] = float(at(1.0 - d));
-        w[3] = float(at(2.0 - d));
+        double d[4];
+        weights(double(t), d);
+        for (int k = 0; k < 4; ++k) w[k] = float(d[k]);
     }
 };
 

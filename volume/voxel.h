@@ -4,13 +4,29 @@
 
 #include <emmintrin.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <limits>
+#include <type_traits>
 
 namespace vlkr::volume {
 
 // Float to integer voxel: truncate(v + kStoreBias) in double, saturated to the type.
 constexpr double kStoreBias = 0.5000001;
+
+// One value to a voxel: floats as they are, integers truncate(v + kStoreBias) saturated.
+template <class T>
+inline T roundToVoxel(double v)
+{
+    if constexpr (std::is_same_v<T, float>) {
+        return float(v);
+    } else {
+        constexpr double kMax = std::numeric_limits<T>::max();
+        const double r = std::trunc(v + kStoreBias);
+        return T(r > 0 ? (r < kMax ? r : kMax) : 0);
+    }
+}
 
 // Caller rows may start at any byte address, so every voxel access goes through memcpy.
 template <class T>
