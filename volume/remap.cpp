@@ -14,15 +14,18 @@ namespace {
 constexpr double kTapGuard = 1e-7;           // trunc(s + kTapGuard): a hair below a voxel is on it
 constexpr double kNearestRound = 0.5000001;  // nearest: trunc(s + kNearestRound)
 
-// Source access; kAxes = 2 reads plane 0 whatever z.
+// Source rows; kAxes = 2 reads plane 0 whatever z.
 template <class T, int kAxes>
 struct Source {
     const PlaneLayout<const T>& planes;
-    float at(int x, int y, int z) const
-    {
-        return float(loadVoxel(planes.row(planes.plane(kAxes == 3 ? z : 0), y) + x));
-    }
+    const T* row(int y, int z) const { return planes.row(planes.plane(kAxes == 3 ? z : 0), y); }
 };
+
+template <class T>
+float voxelAt(const T* row, int x)
+{
+    return float(loadVoxel(row + x));
+}
 
 // Nearest neighbour: the voxel at trunc(s + 0.5000001) per axis, copied unchanged.
 struct RemapNearest {
@@ -61,8 +64,9 @@ struct RemapLinear {
         const Source<T, kAxes> src{job.src};
         const LinearTaps x(s[0], job.max[0]), y(s[1], job.max[1]);
         auto blendX = [&](int yi, int zi) {
-            const float a = src.at(x.lo, yi, zi);
-            return a + (src.at(x.hi, yi, zi) - a) * x.f;
+            const T* row = src.row(yi, zi);
+            const float a = voxelAt(row, x.lo);
+            return a + (voxelAt(row, x.hi) - a) * x.f;
         };
         const LinearTaps z = kAxes == 3 ? LinearTaps(s[2], job.max[2]) : LinearTaps(0.0f, 1);
         const float p0 = blendX(y.lo, z.lo);
@@ -100,29 +104,33 @@ struct RemapCubic {
             for (int k = 0; k < 4; ++k) index[k] = columns[rule][k];
         }
     };
+    // The 4 x 4 (x 4) taps in four float lanes, one per x tap, weighted by y and z as they
+    // go, then by x, and the lanes added last.
     template <class T, int kAxes>
     static T sample(const RemapJob<T>& job, const float s[3])
     {
         const Source<T, kAxes> src{job.src};
         const Taps x(s[0], job.max[0]), y(s[1], job.max[1]);
         auto plane = [&](int zi) {
-            float sum = 0;
+            __m128 sum = _mm_setzero_ps();
             for (int ky = 0; ky < 4; ++ky) {
-                float row = 0;
-                for (int kx = 0; kx < 4; ++kx)
-                    row += x.w[kx] * src.at(x.index[kx], y.index[ky], zi);
-                sum += y.w[ky] * row;
+                const __m128 v = loadTaps4(src.row(y.index[ky], zi), x.index);
+                sum = _mm_add_ps(sum, _mm_mul_ps(v, _mm_set1_ps(y.w[ky])));
             }
             return sum;
         };
+        __m128 sum;
         if constexpr (kAxes == 2) {
-            return roundToVoxel<T>(plane(0));
+            sum = plane(0);
         } else {
             const Taps z(s[2], job.max[2]);
-            float sum = 0;
-            for (int kz = 0; kz < 4; ++kz) sum += z.w[kz] * plane(z.index[kz]);
-            return roundToVoxel<T>(sum);
+            sum = _mm_setzero_ps();
+            for (int kz = 0; kz < 4; ++kz)
+                sum = _mm_add_ps(sum, _mm_mul_ps(plane(z.index[kz]), _mm_set1_ps(z.w[kz])));
         }
+        float lanes[4];
+        _mm_storeu_ps(lanes, _mm_mul_ps(sum, _mm_loadu_ps(x.w)));
+        return roundToVoxel<T>((lanes[0] + lanes[1]) + (lanes[2] + lanes[3]));
     }
 };
 

@@ -122,6 +122,16 @@ struct VoxelTraits<float> {
     static void store4(float* p, __m128 v) { _mm_storeu_ps(p, v); }  // as is, no clamping
 };
 
+// Four voxels row[index[0..3]] as floats: one load when the indices run consecutively,
+// else a gather.
+template <class T>
+inline __m128 loadTaps4(const T* row, const int index[4])
+{
+    const bool consecutive = index[3] - index[0] == 3;
+    return consecutive ? VoxelTraits<T>::load4(row + index[0])
+                       : VoxelTraits<T>::gather4(row, index);
+}
+
 // Access to a run of four lanes. FullLanes moves four elements; PartialLanes moves the
 // first `count` through a small local block, so a row's tail runs the same arithmetic as
 // its body without touching memory past the row's end.
