@@ -2,6 +2,8 @@
 // floor of the source position, and the weights for a fraction t in [0, 1).
 #pragma once
 
+#include <emmintrin.h>
+
 namespace vlkr::volume {
 
 // Weights 1 - t and t, in float.
@@ -22,17 +24,20 @@ template <class Kernel>
 struct FourTapCubic {
     static constexpr int kTaps = 4;
     static constexpr int kFirstTap = -1;
-    static double at(double x)
+    // K at two distances x in two double lanes: both pieces evaluated, the one for |x|
+    // chosen, zero from |x| = 2 on.
+    static __m128d at(__m128d x)
     {
-        const double a = x < 0 ? -x : x;
-        return a < 2 ? Kernel::piece(a) : 0.0;
+        const __m128d a = _mm_andnot_pd(_mm_set1_pd(-0.0), x);
+        const __m128d inner = _mm_cmplt_pd(a, _mm_set1_pd(1.0));
+        const __m128d value =
+            _mm_or_pd(_mm_and_pd(inner, Kernel::inner(a)), _mm_andnot_pd(inner, Kernel::outer(a)));
+        return _mm_and_pd(_mm_cmplt_pd(a, _mm_set1_pd(2.0)), value);
     }
     static void weights(double t, double w[4])
     {
-        w[0] = at(1.0 + t);
-        w[1] = at(t);
-        w[2] = at(1.0 - t);
-        w[3] = at(2.0 - t);
+        _mm_storeu_pd(w, at(_mm_setr_pd(1.0 + t, t)));
+        _mm_storeu_pd(w + 2, at(_mm_setr_pd(1.0 - t, 2.0 - t)));
     }
     // The weights of a float fraction, kept as floats.
     static void weights(float t, float w[4])
@@ -42,6 +47,12 @@ struct FourTapCubic {
         for (int k = 0; k < 4; ++k) w[k] = float(d[k]);
     }
 };
+
+// Two double lanes of one value; the pieces below use the compiler's lane-wise operators.
+inline __m128d lanes(double v)
+{
+    return _mm_set1_pd(v);
+}
 
 // A piecewise cubic on a < 1 and 1 <= a < 2, as c3 a^3 + c2 a^2 + c1 a + c0.
 struct CubicPieces {
@@ -59,11 +70,12 @@ inline constexpr CubicPieces kCubicC03{{0.95, -1.7, 0.0, 5.0 / 6},
 // A member of the B/C cubic family, from its coefficients.
 template <const CubicPieces& kPieces>
 struct Cubic : FourTapCubic<Cubic<kPieces>> {
-    static double piece(double a)
+    static __m128d polynomial(const double* c, __m128d a)
     {
-        const double* c = a < 1 ? kPieces.inner : kPieces.outer;
-        return c[0] * (a * a * a) + c[1] * (a * a) + c[2] * a + c[3];
+        return lanes(c[0]) * (a * a * a) + lanes(c[1]) * (a * a) + lanes(c[2]) * a + lanes(c[3]);
     }
+    static __m128d inner(__m128d a) { return polynomial(kPieces.inner, a); }
+    static __m128d outer(__m128d a) { return polynomial(kPieces.outer, a); }
 };
 
 // The four-point Lagrange cubic, 0.5a^3 - a^2 - 0.5a + 1 and -(1/6)a^3 + a^2 - (11/6)a + 1,
@@ -71,10 +83,13 @@ struct Cubic : FourTapCubic<Cubic<kPieces>> {
 // an interpolating kernel must give weights of exactly 0, 1, 0, 0 at t = 0 so that a
 // resize by 1 reproduces its source bit for bit.
 struct Lagrange4 : FourTapCubic<Lagrange4> {
-    static double piece(double a)
+    static __m128d inner(__m128d a)
     {
-        if (a < 1) return 0.5 * (a - 1) * (a + 1) * (a - 2);
-        return (a - 1) * (a - 2) * (a - 3) / -6.0;
+        return lanes(0.5) * (a - lanes(1)) * (a + lanes(1)) * (a - lanes(2));
+    }
+    static __m128d outer(__m128d a)
+    {
+        return (a - lanes(1)) * (a - lanes(2)) * (a - lanes(3)) / lanes(-6.0);
     }
 };
 

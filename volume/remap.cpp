@@ -148,8 +148,11 @@ T* byteOffset(T* p, std::ptrdiff_t bytes)
 // Destination planes and rows in order; map and destination rows are byte offsets from
 // their planes, so they may sit at any address.
 template <class T, class Sampler, int kAxes>
-void remapRows(const RemapJob<T>& job)
+void remapRows(const RemapJob<T>& caller)
 {
+    // A local copy: the voxel stores go through memcpy, which may alias anything the
+    // compiler cannot prove local, and would make it reload the box per voxel.
+    const RemapJob<T> job = caller;
     float lo[3], hi[3];
     for (int a = 0; a < 3; ++a) lo[a] = float(job.min[a]), hi[a] = float(job.max[a]);
     for (int z = 0; z < job.size[2]; ++z)

@@ -136,8 +136,13 @@ struct WarpCubic {
 template <class T, class Sampler, int kAxes>
 void warpRows(const WarpJob<T>& job, double* coords, int capacity)
 {
-    const AffineInverse& inv = job.inverse;
-    const VoxelBox &box = job.source, &target = job.target;
+    // Local copies: the voxel stores go through memcpy, which may alias anything the
+    // compiler cannot prove local, and would make it reload every bound per voxel.
+    const AffineInverse inv = job.inverse;
+    const VoxelBox box = job.source, target = job.target;
+    const PlaneLayout<const T> src = job.src;
+    double lo[3], hi[3];
+    for (int r = 0; r < 3; ++r) lo[r] = box.first[r], hi[r] = box.last[r];
     double* const walk[3] = {coords, coords + capacity, coords + 2 * capacity};
     const int x0 = target.first[0];
     for (int z = target.first[2]; z <= target.last[2]; ++z) {
@@ -155,11 +160,10 @@ void warpRows(const WarpJob<T>& job, double* coords, int capacity)
                     const double p[3] = {walk[0][i], walk[1][i], walk[2][i]};
                     // Closed interval, compared in double; NaN fails.
                     bool inside = true;
-                    for (int r = 0; r < 3; ++r)
-                        inside = inside && p[r] >= box.first[r] && p[r] <= box.last[r];
+                    for (int r = 0; r < 3; ++r) inside = inside && p[r] >= lo[r] && p[r] <= hi[r];
                     if (inside)
                         storeVoxel(row + begin + i,
-                                   Sampler::template sample<T, kAxes>(job.src, p, box));
+                                   Sampler::template sample<T, kAxes>(src, p, box));
                 }
             }
         }
