@@ -22,9 +22,13 @@ inline T roundToVoxel(double v)
     if constexpr (std::is_same_v<T, float>) {
         return float(v);
     } else {
+        // Saturate before truncating, so one int conversion does it (SSE2 has no trunc);
+        // the selects become maxsd and minsd, and NaN becomes 0.
         constexpr double kMax = std::numeric_limits<T>::max();
-        const double r = std::trunc(v + kStoreBias);
-        return T(r > 0 ? (r < kMax ? r : kMax) : 0);
+        double r = v + kStoreBias;
+        r = r > 0.0 ? r : 0.0;
+        r = r < kMax ? r : kMax;
+        return T(int(r));
     }
 }
 
