@@ -97,7 +97,9 @@ struct WarpCubic {
         {
             const int i = int(s + kTapGuard);
             Kernel::weights(s - i, w);
-            for (int k = 0; k < 4; ++k) index[k] = std::clamp(i - 1 + k, first, last);
+            const bool inside = i - 1 >= first && i + 2 <= last;
+            for (int k = 0; k < 4; ++k)
+                index[k] = inside ? i - 1 + k : std::clamp(i - 1 + k, first, last);
         }
     };
     // The 4 x 4 (x 4) taps in two double lanes: x taps 0 and 2 in one, 1 and 3 in the other,
