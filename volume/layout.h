@@ -40,4 +40,12 @@ struct PlaneLayout {
     T* row(T* plane, int y) const { return plane + std::ptrdiff_t(y) * rowStep; }
 };
 
+// Rows of a plane-array source for a sampler; a planar sampler (kAxes = 2) reads plane 0
+// whatever z it is given.
+template <class T, int kAxes>
+struct PlaneRows {
+    const PlaneLayout<const T>& planes;
+    const T* row(int y, int z) const { return planes.row(planes.plane(kAxes == 3 ? z : 0), y); }
+};
+
 }  // namespace vlkr::volume

@@ -14,19 +14,6 @@ namespace {
 constexpr double kTapGuard = 1e-7;           // trunc(s + kTapGuard): a hair below a voxel is on it
 constexpr double kNearestRound = 0.5000001;  // nearest: trunc(s + kNearestRound)
 
-// Source rows; kAxes = 2 reads plane 0 whatever z.
-template <class T, int kAxes>
-struct Source {
-    const PlaneLayout<const T>& planes;
-    const T* row(int y, int z) const { return planes.row(planes.plane(kAxes == 3 ? z : 0), y); }
-};
-
-template <class T>
-float voxelAt(const T* row, int x)
-{
-    return float(loadVoxel(row + x));
-}
-
 // Nearest neighbour: the voxel at trunc(s + 0.5000001) per axis, copied unchanged.
 struct RemapNearest {
     template <class T, int kAxes>
@@ -61,12 +48,12 @@ struct RemapLinear {
     template <class T, int kAxes>
     static T sample(const RemapJob<T>& job, const float s[3])
     {
-        const Source<T, kAxes> src{job.src};
+        const PlaneRows<T, kAxes> src{job.src};
         const LinearTaps x(s[0], job.max[0]), y(s[1], job.max[1]);
         auto blendX = [&](int yi, int zi) {
             const T* row = src.row(yi, zi);
-            const float a = voxelAt(row, x.lo);
-            return a + (voxelAt(row, x.hi) - a) * x.f;
+            const float a = voxelAs<float>(row, x.lo);
+            return a + (voxelAs<float>(row, x.hi) - a) * x.f;
         };
         const LinearTaps z = kAxes == 3 ? LinearTaps(s[2], job.max[2]) : LinearTaps(0.0f, 1);
         const float p0 = blendX(y.lo, z.lo);
@@ -109,7 +96,7 @@ struct RemapCubic {
     template <class T, int kAxes>
     static T sample(const RemapJob<T>& job, const float s[3])
     {
-        const Source<T, kAxes> src{job.src};
+        const PlaneRows<T, kAxes> src{job.src};
         const Taps x(s[0], job.max[0]), y(s[1], job.max[1]);
         auto plane = [&](int zi) {
             __m128 sum = _mm_setzero_ps();

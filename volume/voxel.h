@@ -47,6 +47,13 @@ inline void storeVoxel(T* p, T v)
     std::memcpy(p, &v, sizeof v);
 }
 
+// Voxel x of a row as the sampler's arithmetic type (float or double), exactly.
+template <class Real, class T>
+inline Real voxelAs(const T* row, int x)
+{
+    return Real(loadVoxel(row + x));
+}
+
 // The integer voxel types share one rounding, truncate(double(v) + kStoreBias) saturated,
 // done here in float: the whole part plus one when the fraction reaches kRoundUpFraction,
 // the smallest float f with double(f) + kStoreBias >= 1. No float lies close enough to a

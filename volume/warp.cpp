@@ -19,19 +19,6 @@ constexpr double kNearestRound = 0.5000001;
 // Coordinates of one row are walked in chunks of this many voxels on the stack.
 constexpr int kChunk = 256;
 
-// Source rows for a sampler; kAxes = 2 reads plane 0 whatever z.
-template <class T, int kAxes>
-struct Source {
-    const PlaneLayout<const T>& planes;
-    const T* row(int y, int z) const { return planes.row(planes.plane(kAxes == 3 ? z : 0), y); }
-};
-
-template <class T>
-double voxelAt(const T* row, int x)
-{
-    return double(loadVoxel(row + x));
-}
-
 // Nearest neighbour: the voxel at trunc(s + 0.5000001) per axis, copied unchanged.
 struct WarpNearest {
     template <class T, int kAxes>
@@ -65,11 +52,11 @@ struct WarpLinear {
     template <class T, int kAxes>
     static T sample(const PlaneLayout<const T>& planes, const double s[3], const VoxelBox& box)
     {
-        const Source<T, kAxes> src{planes};
+        const PlaneRows<T, kAxes> src{planes};
         const LinearTaps x(s[0], box.last[0]), y(s[1], box.last[1]);
         auto row = [&](int yi, int zi) {
             const T* r = src.row(yi, zi);
-            const double a = voxelAt(r, x.lo), b = voxelAt(r, x.hi);
+            const double a = voxelAs<double>(r, x.lo), b = voxelAs<double>(r, x.hi);
             return a + (b - a) * x.f;
         };
         auto plane = [&](int zi) {
@@ -107,7 +94,7 @@ struct WarpCubic {
     template <class T, int kAxes>
     static T sample(const PlaneLayout<const T>& planes, const double s[3], const VoxelBox& box)
     {
-        const Source<T, kAxes> src{planes};
+        const PlaneRows<T, kAxes> src{planes};
         const Taps x(s[0], box.first[0], box.last[0]), y(s[1], box.first[1], box.last[1]);
         const __m128d wx01 = _mm_loadu_pd(x.w), wx23 = _mm_loadu_pd(x.w + 2);
         auto plane = [&](int zi) {
