@@ -7,18 +7,17 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <map>
 #include <random>
 #include <string>
-#include <tuple>
 #include <type_traits>
 #include <vector>
 
-#include "ratio_reporter.h"
 #include "vlkr.h"
+#include "volume_bench_support.h"
 
 namespace {
+
+using namespace vlkr::bench;
 
 constexpr int kSide = 256;
 
@@ -75,19 +74,11 @@ std::vector<T> makeSource()
         for (int i = 0; i < kSide; ++i)
             a[i] = 0.5f * std::sin(i * 0.05f + p) + 0.5f * std::sin(i * 0.13f + q);
     }
-    std::vector<T> v(std::size_t(kSide) * kSide * kSide);
-    std::uint32_t s = 12345;
-    std::size_t i = 0;
-    for (int z = 0; z < kSide; ++z)
-        for (int y = 0; y < kSide; ++y)
-            for (int x = 0; x < kSide; ++x) {
-                s ^= s << 13, s ^= s >> 17, s ^= s << 5;
-                const float noise = float(s >> 8) * (0.1f / 16777216.0f) - 0.05f;
-                float f = 0.5f + 0.15f * (axis[0][x] + axis[1][y] + axis[2][z]) + noise;
-                f = std::fmin(std::fmax(f, 0.0f), 1.0f) * Voxel<T>::scale;
-                v[i++] = std::is_integral<T>::value ? T(f + 0.5f) : T(f);
-            }
-    return v;
+    return noisyVolume<T>(kSide, [&axis](int x, int y, int z, float noise) {
+        float f = 0.5f + 0.15f * (axis[0][x] + axis[1][y] + axis[2][z]) + noise;
+        f = std::fmin(std::fmax(f, 0.0f), 1.0f) * Voxel<T>::scale;
+        return std::is_integral<T>::value ? T(f + 0.5f) : T(f);
+    });
 }
 
 template <typename T>
@@ -100,12 +91,6 @@ const std::vector<T>& source()
 std::int64_t cube(int n)
 {
     return std::int64_t(n) * n * n;
-}
-
-void setRates(benchmark::State& st, std::int64_t outVoxels, std::int64_t bytes)
-{
-    st.SetItemsProcessed(st.iterations() * outVoxels);
-    st.SetBytesProcessed(st.iterations() * bytes);
 }
 
 template <typename T>
@@ -145,48 +130,11 @@ void BM_Resize(benchmark::State& st, Shape shape, int sel)
              (cube(kSide) + cube(n)) * sizeof(T));
 }
 
-// Moves every byte the resize must read or write once, as a copy, so that the ratio says how
-// far the sampling is from being bound by memory alone.
 template <typename T>
 void BM_CopyFloor(benchmark::State& st, Shape shape)
 {
-    const std::size_t bytes = std::size_t(cube(kSide) + cube(shape.side())) * sizeof(T);
-    std::vector<unsigned char> from(bytes, 1), to(bytes);
-    for (auto _ : st) {
-        std::memcpy(to.data(), from.data(), bytes);
-        benchmark::ClobberMemory();
-    }
-    setRates(st, cube(shape.side()), std::int64_t(bytes));
+    copyFloor(st, std::size_t(cube(kSide) + cube(shape.side())) * sizeof(T), cube(shape.side()));
 }
-
-// The ratio reporter, also keeping each run's time per call for the SciPy table; names drop
-// the "/iterations:N" suffix so that they read, and pair, as registered.
-class Reporter : public vlkr::bench::RatioReporter {
-   public:
-    void ReportRuns(const std::vector<Run>& runs) override
-    {
-        std::vector<Run> named, failed;  // a failed run would enter the ratio table as zero
-        for (Run r : runs) {
-            r.run_name.iterations.clear();
-            if (r.error_occurred) {
-                failed.push_back(r);
-                continue;
-            }
-            if (r.run_type == Run::RT_Iteration) ms_[r.run_name.str()] = r.GetAdjustedCPUTime();
-            named.push_back(r);
-        }
-        if (!named.empty()) RatioReporter::ReportRuns(named);
-        if (!failed.empty()) ConsoleReporter::ReportRuns(failed);
-    }
-    double ms(const std::string& name) const
-    {
-        auto it = ms_.find(name);
-        return it == ms_.end() ? 0.0 : it->second;
-    }
-
-   private:
-    std::map<std::string, double> ms_;
-};
 
 std::string floorName(const Shape& shape, const char* type)
 {
@@ -199,56 +147,21 @@ std::string resizeName(const Shape& shape, const char* type, const Interp& in)
 }
 
 template <typename T>
-void registerType(const Shape& shape, Reporter& reporter)
+void registerType(const Shape& shape, TimingReporter& reporter)
 {
     const std::string floor = floorName(shape, Voxel<T>::name);
-    benchmark::RegisterBenchmark(floor.c_str(), BM_CopyFloor<T>, shape)
-        ->Unit(benchmark::kMillisecond)
-        ->Iterations(4 * shape.iterations);
-    for (const Interp& in : kInterps) {
-        const std::string name = resizeName(shape, Voxel<T>::name, in);
-        benchmark::RegisterBenchmark(name.c_str(), BM_Resize<T>, shape, in.selector)
-            ->Unit(benchmark::kMillisecond)
-            ->Iterations(shape.iterations);
-        reporter.compare(name, floor, "time / copy floor");
-    }
-}
-
-// Output voxels per second of scipy.ndimage.zoom for each (type, factor, order), from the
-// script beside this program; empty when Debian's Python or SciPy is missing.
-using ScipyKey = std::tuple<std::string, double, int>;
-std::map<ScipyKey, double> scipyRates(const std::string& args)
-{
-    std::map<ScipyKey, double> rates;
-    const std::string cmd =
-        "/usr/bin/python3 " VLKR_BENCH_DIR "/resize_scipy_bench.py" + args + " 2>/dev/null";
-    FILE* p = popen(cmd.c_str(), "r");
-    if (!p) return rates;
-    char type[8];
-    double factor = 0, rate = 0;
-    int order = 0;
-    while (std::fscanf(p, "%7s %lf %d %lf", type, &factor, &order, &rate) == 4)
-        rates[{type, factor, order}] = rate;
-    pclose(p);
-    return rates;
+    registerFixed(floor, 4 * shape.iterations, BM_CopyFloor<T>, shape);
+    for (const Interp& in : kInterps)
+        registerAgainstFloor(reporter, resizeName(shape, Voxel<T>::name, in), floor,
+                             shape.iterations, BM_Resize<T>, shape, in.selector);
 }
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    bool withScipy = true;
-    int kept = 1;
-    for (int i = 1; i < argc; ++i) {
-        if (std::strncmp(argv[i], "--scipy=", 8) == 0)
-            withScipy =
-                std::strcmp(argv[i] + 8, "0") != 0 && std::strcmp(argv[i] + 8, "false") != 0;
-        else
-            argv[kept++] = argv[i];
-    }
-    argc = kept;
-    benchmark::Initialize(&argc, argv);
-    Reporter reporter;
+    const bool withScipy = initialize(argc, argv);
+    TimingReporter reporter;
     for (const Shape& shape : kShapes) {
         registerType<Vlk8u>(shape, reporter);
         registerType<Vlk16u>(shape, reporter);
@@ -265,15 +178,9 @@ int main(int argc, char** argv)
                 if (in.scipyOrder >= 0 && reporter.ms(resizeName(shape, type, in)) > 0)
                     args += std::string(" ") + type + " " + std::to_string(shape.factor) + " " +
                             std::to_string(in.scipyOrder);
-    std::map<ScipyKey, double> scipy;
-    if (withScipy && !args.empty()) {
-        std::printf(
-            "\nTiming scipy.ndimage.zoom (upsampling at order 3 takes over half a minute per "
-            "type)...\n");
-        std::fflush(stdout);
-        scipy = scipyRates(args);
-        if (scipy.empty()) std::printf("(no /usr/bin/python3 with scipy: SciPy columns skipped)\n");
-    }
+    const ScipyRates<double> scipy = scipyRates<double>(
+        withScipy, VLKR_BENCH_DIR "/resize_scipy_bench.py", args,
+        "scipy.ndimage.zoom (upsampling at order 3 takes over half a minute per type)");
 
     std::printf(
         "\nours/scipy = our output voxels per second / scipy.ndimage.zoom's (order 0, 1, 3 for "
@@ -287,20 +194,11 @@ int main(int argc, char** argv)
     for (const Shape& shape : kShapes)
         for (const char* type : types)
             for (const Interp& in : kInterps) {
-                const double ours = reporter.ms(resizeName(shape, type, in));
-                if (ours <= 0) continue;
-                const double oursRate =
-                    double(cube(shape.side())) / (ours * 1e3);  // voxels per ms -> Mvox/s
-                const double floor = reporter.ms(floorName(shape, type));
-                auto it = scipy.find(ScipyKey{type, shape.factor, in.scipyOrder});
-                char scipyCol[32] = "-", ratioCol[32] = "-", floorCol[32] = "-";
-                if (it != scipy.end()) {
-                    std::snprintf(scipyCol, sizeof scipyCol, "%.1f", it->second / 1e6);
-                    std::snprintf(ratioCol, sizeof ratioCol, "%.2f", oursRate / (it->second / 1e6));
-                }
-                if (floor > 0) std::snprintf(floorCol, sizeof floorCol, "%.2f", floor / ours);
-                std::printf("%-14s %-4s %-12s %12.1f %13s %11s %15s\n", shape.label, type, in.name,
-                            oursRate, scipyCol, ratioCol, floorCol);
+                const Row r = row(reporter, resizeName(shape, type, in), floorName(shape, type),
+                                  cube(shape.side()), scipy, {type, shape.factor, in.scipyOrder}, 2);
+                if (r.ours > 0)
+                    std::printf("%-14s %-4s %-12s %12.1f %13s %11s %15s\n", shape.label, type,
+                                in.name, r.ours, r.scipy, r.ratio, r.floor);
             }
     return 0;
 }

@@ -8,17 +8,16 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <map>
 #include <string>
-#include <tuple>
 #include <type_traits>
 #include <vector>
 
-#include "ratio_reporter.h"
 #include "vlkr.h"
+#include "volume_bench_support.h"
 
 namespace {
+
+using namespace vlkr::bench;
 
 constexpr int kSide = 256;
 constexpr double kCentre = (kSide - 1) / 2.0;
@@ -79,24 +78,13 @@ struct Planes {
 template <typename T>
 const Planes<T>& source()
 {
-    static const Planes<T> p([] {
+    static const Planes<T> p(noisyVolume<T>(kSide, [](int x, int y, int z, float noise) {
         const float scale = std::is_integral<T>::value ? 255.0f : 1.0f;
-        std::vector<T> v(kVoxels);
-        std::uint32_t s = 12345;
-        std::size_t i = 0;
-        for (int z = 0; z < kSide; ++z)
-            for (int y = 0; y < kSide; ++y)
-                for (int x = 0; x < kSide; ++x) {
-                    s ^= s << 13, s ^= s >> 17, s ^= s << 5;
-                    const float noise = float(s >> 8) * (0.1f / 16777216.0f) - 0.05f;
-                    const float f =
-                        0.5f + noise +
+        const float f = 0.5f + noise +
                         0.1f * (std::sin(x * 0.05f + 1.0f) + std::sin(y * 0.07f + 2.0f) +
                                 std::sin(z * 0.09f + 3.0f));
-                    v[i++] = T(f * scale + (std::is_integral<T>::value ? 0.5f : 0.0f));
-                }
-        return v;
-    }());
+        return T(f * scale + (std::is_integral<T>::value ? 0.5f : 0.0f));
+    }));
     return p;
 }
 
@@ -188,53 +176,14 @@ void BM_Transform(benchmark::State& st, Op op, int sel)
         }
         benchmark::ClobberMemory();
     }
-    st.SetItemsProcessed(st.iterations() * kVoxels);
-    st.SetBytesProcessed(st.iterations() * movedBytes<T>(op));
+    setRates(st, kVoxels, movedBytes<T>(op));
 }
 
-// Moves every byte the operation must read or write once, as a copy, so that the ratio says
-// how far the sampling is from being bound by memory alone.
 template <typename T>
 void BM_CopyFloor(benchmark::State& st, Op op)
 {
-    const std::size_t bytes = std::size_t(movedBytes<T>(op));
-    std::vector<unsigned char> from(bytes, 1), to(bytes);
-    for (auto _ : st) {
-        std::memcpy(to.data(), from.data(), bytes);
-        benchmark::ClobberMemory();
-    }
-    st.SetItemsProcessed(st.iterations() * kVoxels);
-    st.SetBytesProcessed(st.iterations() * std::int64_t(bytes));
+    copyFloor(st, std::size_t(movedBytes<T>(op)), kVoxels);
 }
-
-// The ratio reporter, also keeping each run's time per call for the SciPy table; names drop
-// the "/iterations:N" suffix so that they read, and pair, as registered.
-class Reporter : public vlkr::bench::RatioReporter {
-   public:
-    void ReportRuns(const std::vector<Run>& runs) override
-    {
-        std::vector<Run> named, failed;  // a failed run would enter the ratio table as zero
-        for (Run r : runs) {
-            r.run_name.iterations.clear();
-            if (r.error_occurred) {
-                failed.push_back(r);
-                continue;
-            }
-            if (r.run_type == Run::RT_Iteration) ms_[r.run_name.str()] = r.GetAdjustedCPUTime();
-            named.push_back(r);
-        }
-        if (!named.empty()) RatioReporter::ReportRuns(named);
-        if (!failed.empty()) ConsoleReporter::ReportRuns(failed);
-    }
-    double ms(const std::string& name) const
-    {
-        auto it = ms_.find(name);
-        return it == ms_.end() ? 0.0 : it->second;
-    }
-
-   private:
-    std::map<std::string, double> ms_;
-};
 
 // "BM_CopyFloor/warp/8u" without an interpolation, else e.g. "BM_Remap_C1PV/32f/trilinear".
 std::string benchName(Op op, const char* type, const Interp* in = nullptr)
@@ -245,72 +194,23 @@ std::string benchName(Op op, const char* type, const Interp* in = nullptr)
 }
 
 template <typename T>
-void registerType(Reporter& reporter)
+void registerType(TimingReporter& reporter)
 {
     for (Op op : kOps) {
         const std::string floor = benchName(op, Voxel<T>::name);
-        benchmark::RegisterBenchmark(floor.c_str(), BM_CopyFloor<T>, op)
-            ->Unit(benchmark::kMillisecond)
-            ->Iterations(kFloorIterations);
-        for (const Interp& in : kInterps) {
-            const std::string name = benchName(op, Voxel<T>::name, &in);
-            benchmark::RegisterBenchmark(name.c_str(), BM_Transform<T>, op, in.selector)
-                ->Unit(benchmark::kMillisecond)
-                ->Iterations(kIterations);
-            reporter.compare(name, floor, "time / copy floor");
-        }
+        registerFixed(floor, kFloorIterations, BM_CopyFloor<T>, op);
+        for (const Interp& in : kInterps)
+            registerAgainstFloor(reporter, benchName(op, Voxel<T>::name, &in), floor, kIterations,
+                                 BM_Transform<T>, op, in.selector);
     }
-}
-
-// Output voxels per second of scipy.ndimage for each (operation, type, order), from the script
-// beside this program; empty when Debian's Python or SciPy is missing.
-using ScipyKey = std::tuple<std::string, std::string, int>;
-std::map<ScipyKey, double> scipyRates(const std::string& args)
-{
-    std::map<ScipyKey, double> rates;
-    const std::string cmd =
-        "/usr/bin/python3 " VLKR_BENCH_DIR "/warp_remap_scipy_bench.py" + args + " 2>/dev/null";
-    FILE* p = popen(cmd.c_str(), "r");
-    if (!p) return rates;
-    char op[8], type[8];
-    double rate = 0;
-    int order = 0;
-    while (std::fscanf(p, "%7s %7s %d %lf", op, type, &order, &rate) == 4)
-        rates[{op, type, order}] = rate;
-    pclose(p);
-    return rates;
-}
-
-// Rates from a shared machine mean little without the processor they ran on.
-std::string cpuModel()
-{
-    std::string model = "unknown";
-    char line[256];
-    FILE* f = std::fopen("/proc/cpuinfo", "r");
-    while (f && std::fgets(line, sizeof line, f) && model == "unknown")
-        if (std::strncmp(line, "model name", 10) == 0 && std::strchr(line, ':'))
-            model.assign(std::strchr(line, ':') + 2,
-                         std::strcspn(std::strchr(line, ':') + 2, "\n"));
-    if (f) std::fclose(f);
-    return model;
 }
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    bool withScipy = true;
-    int kept = 1;
-    for (int i = 1; i < argc; ++i) {
-        if (std::strncmp(argv[i], "--scipy=", 8) == 0)
-            withScipy =
-                std::strcmp(argv[i] + 8, "0") != 0 && std::strcmp(argv[i] + 8, "false") != 0;
-        else
-            argv[kept++] = argv[i];
-    }
-    argc = kept;
-    benchmark::Initialize(&argc, argv);
-    Reporter reporter;
+    const bool withScipy = initialize(argc, argv);
+    TimingReporter reporter;
     registerType<Vlk8u>(reporter);
     registerType<Vlk32f>(reporter);
     benchmark::RunSpecifiedBenchmarks(&reporter);
@@ -324,15 +224,10 @@ int main(int argc, char** argv)
                 if (reporter.ms(benchName(op, type, &in)) > 0)
                     args += std::string(" ") + opTag(op) + " " + type + " " +
                             std::to_string(in.scipyOrder);
-    std::map<ScipyKey, double> scipy;
-    if (withScipy && !args.empty()) {
-        std::printf(
-            "\nTiming scipy.ndimage affine_transform and map_coordinates (order 3 takes several "
-            "seconds a call)...\n");
-        std::fflush(stdout);
-        scipy = scipyRates(args);
-        if (scipy.empty()) std::printf("(no /usr/bin/python3 with scipy: SciPy columns skipped)\n");
-    }
+    const ScipyRates<std::string> scipy = scipyRates<std::string>(
+        withScipy, VLKR_BENCH_DIR "/warp_remap_scipy_bench.py", args,
+        "scipy.ndimage affine_transform and map_coordinates (order 3 takes several seconds a "
+        "call)");
 
     std::printf(
         "\nCPU: %s, one thread. Rates count all 256^3 output voxels; the sample point "
@@ -350,19 +245,11 @@ int main(int argc, char** argv)
     for (Op op : kOps)
         for (const char* type : types)
             for (const Interp& in : kInterps) {
-                const double ours = reporter.ms(benchName(op, type, &in));
-                if (ours <= 0) continue;
-                const double oursRate = double(kVoxels) / (ours * 1e3);  // voxels per ms -> Mvox/s
-                const double floor = reporter.ms(benchName(op, type));
-                auto it = scipy.find(ScipyKey{opTag(op), type, in.scipyOrder});
-                char scipyCol[32] = "-", ratioCol[32] = "-", floorCol[32] = "-";
-                if (it != scipy.end()) {
-                    std::snprintf(scipyCol, sizeof scipyCol, "%.1f", it->second / 1e6);
-                    std::snprintf(ratioCol, sizeof ratioCol, "%.2f", oursRate / (it->second / 1e6));
-                }
-                if (floor > 0) std::snprintf(floorCol, sizeof floorCol, "%.3f", floor / ours);
-                std::printf("%-6s %-4s %-12s %12.1f %-26s %13s %11s %15s\n", opTag(op), type,
-                            in.name, oursRate, in.scipyKernel, scipyCol, ratioCol, floorCol);
+                const Row r = row(reporter, benchName(op, type, &in), benchName(op, type), kVoxels,
+                                  scipy, {opTag(op), type, in.scipyOrder}, 3);
+                if (r.ours > 0)
+                    std::printf("%-6s %-4s %-12s %12.1f %-26s %13s %11s %15s\n", opTag(op), type,
+                                in.name, r.ours, in.scipyKernel, r.scipy, r.ratio, r.floor);
             }
     return 0;
 }
