@@ -17,14 +17,13 @@
 
 #include "reference/remap_reference.h"
 #include "vlkr.h"
-#include "warp_remap_ops.h"
+#include "volume_ops.h"
 
 namespace {
 
 using namespace vlkr::test;
 namespace ref = vlkr::reference;
 
-constexpr int kSelectors[] = {1, 2, 4, 5, 6, 7};
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 constexpr float kInf = std::numeric_limits<float>::infinity();
 
@@ -95,7 +94,7 @@ template <class T>
 vlkStatus callRemap(RemapRun<T>& r, const RemapCase& c, int selector)
 {
     r.voi = c.voi;
-    return RemapOps<T>::remap(r.src.planes.data(), &c.vol, r.src.step, &r.voi,
+    return Ops<T>::remap(r.src.planes.data(), &c.vol, r.src.step, &r.voi,
                               r.maps[0].planes.data(), r.maps[1].planes.data(),
                               r.maps[2].planes.data(), r.maps[0].step, r.dst.planes.data(),
                               r.dst.step, &c.dst, selector);
@@ -195,10 +194,7 @@ TYPED_TEST(RemapTyped, SinglePlaneSourceRemapsIntoPlaneZero)
 // A single plane counts its width and height only.
 TYPED_TEST(RemapTyped, SmallSourcesFallBackToSimplerKernels)
 {
-    const struct {
-        VolumeSize vol;
-        int from[4], to;
-    } rows[] = {{{3, 6, 5}, {4, 5, 6, 7}, 2}, {{6, 5, 2}, {4, 5, 6, 7}, 2},
+    const FallbackRow rows[] = {{{3, 6, 5}, {4, 5, 6, 7}, 2}, {{6, 5, 2}, {4, 5, 6, 7}, 2},
                 {{1, 6, 5}, {2, 4, 6, 7}, 1}, {{4, 1, 3}, {2, 4, 5, 6}, 1},
                 {{3, 6, 1}, {4, 6, 4, 6}, 2}, {{6, 1, 1}, {2, 4, 6, 2}, 1}};
     for (const auto& row : rows)
@@ -274,11 +270,7 @@ void plane(Args& a)
     a.vol.depth = 1;
 }
 
-struct Row {
-    const char* what;
-    void (*edit)(Args&);
-    vlkStatus want;
-};
+using Row = CheckRow<Args>;
 
 const Row kRows[] = {
     {"valid arguments", [](Args&) {}, vlkStatusOk},
@@ -295,16 +287,10 @@ const Row kRows[] = {
      [](Args& a) { a.nullMap[2] = true, a.vol.width = 0, a.selector = 3; }, vlkStatusNullPtr},
     {"volume width 0", [](Args& a) { a.vol.width = 0; }, vlkStatusSize},
     {"volume height -1", [](Args& a) { a.vol.height = -1; }, vlkStatusSize},
-    {"volume depth 0", [](Args& a) { a.vol.depth = 0; }, vlkStatusSize},
     {"cuboid x -1", [](Args& a) { a.voi.x = -1; }, vlkStatusSize},
-    {"cuboid y -1", [](Args& a) { a.voi.y = -1; }, vlkStatusSize},
-    {"cuboid z -1", [](Args& a) { a.voi.z = -1; }, vlkStatusSize},
-    {"cuboid width 0", [](Args& a) { a.voi.width = 0; }, vlkStatusSize},
     {"cuboid height 0", [](Args& a) { a.voi.height = 0; }, vlkStatusSize},
     {"cuboid depth -2", [](Args& a) { a.voi.depth = -2; }, vlkStatusSize},
     {"destination width 0", [](Args& a) { a.dst.width = 0; }, vlkStatusSize},
-    {"destination height -1", [](Args& a) { a.dst.height = -1; }, vlkStatusSize},
-    {"destination depth 0", [](Args& a) { a.dst.depth = 0; }, vlkStatusSize},
     {"destination depth 0, selector 3", [](Args& a) { a.dst.depth = 0, a.selector = 3; },
      vlkStatusSize},
     {"cuboid at the width, volume depth 0", [](Args& a) { a.voi.x = 6, a.vol.depth = 0; },
@@ -318,7 +304,6 @@ const Row kRows[] = {
      vlkStatusInterpolation},
     {"cuboid x at the width", [](Args& a) { a.voi.x = 6; }, vlkStatusWrongIntersectVOI},
     {"cuboid y at the height", [](Args& a) { a.voi.y = 5; }, vlkStatusWrongIntersectVOI},
-    {"cuboid z at the depth", [](Args& a) { a.voi.z = 4; }, vlkStatusWrongIntersectVOI},
     {"cuboid z at the depth, zero steps",
      [](Args& a) { a.voi.z = 4, a.srcStep = a.dstStep = a.mapStep = 0; },
      vlkStatusWrongIntersectVOI},
@@ -342,54 +327,33 @@ const Row kRows[] = {
 
 // Every row: its status, a canary-filled destination left alone unless Ok, and the cuboid
 // trimmed in place only when the volume path succeeds.
-template <class T>
-void checkRows()
+TYPED_TEST(RemapTyped, FirstFailingCheckDecidesAndNothingIsWritten)
 {
-    constexpr int kSide = 16, kPlane = kSide * kSide;
+    using T = TypeParam;
     for (const Row& row : kRows) {
-        SCOPED_TRACE(std::string(row.what) + ", " + std::to_string(sizeof(T)) + "-byte voxels");
+        SCOPED_TRACE(row.what);
         Args a;
         row.edit(a);
-        std::vector<T> src(kPlane * kSide, T(7)), dst(kPlane * kSide);
-        std::vector<float> map(kPlane * kSide, 1.0f);
-        std::memset(dst.data(), kCanary, dst.size() * sizeof(T));
-        const std::vector<T> before = dst;
-        std::vector<const T*> srcPlanes;
-        std::vector<const float*> mapPlanes;
-        std::vector<T*> dstPlanes;
-        for (int z = 0; z < kSide; ++z) {
-            srcPlanes.push_back(src.data() + z * kPlane);
-            mapPlanes.push_back(map.data() + z * kPlane);
-            dstPlanes.push_back(dst.data() + z * kPlane);
-        }
-        const int step = kSide * int(sizeof(T));
+        CheckVolumes<T> v(16);
         const Cuboid voi = a.voi;
-        auto maps = [&](int i) { return a.nullMap[i] ? nullptr : mapPlanes.data(); };
-        const vlkStatus status = RemapOps<T>::remap(
-            a.nullSrc ? nullptr : srcPlanes.data(), a.nullVol ? nullptr : &a.vol,
-            a.srcStep == INT_MIN ? step : a.srcStep, a.nullVoi ? nullptr : &a.voi, maps(0), maps(1),
-            maps(2), a.mapStep == INT_MIN ? kSide * 4 : a.mapStep,
-            a.nullDst ? nullptr : dstPlanes.data(), a.dstStep == INT_MIN ? step : a.dstStep,
+        auto maps = [&](int i) { return a.nullMap[i] ? nullptr : v.mapPlanes.data(); };
+        const vlkStatus status = Ops<T>::remap(
+            a.nullSrc ? nullptr : v.srcPlanes.data(), a.nullVol ? nullptr : &a.vol,
+            a.srcStep == INT_MIN ? v.step : a.srcStep, a.nullVoi ? nullptr : &a.voi, maps(0),
+            maps(1), maps(2), a.mapStep == INT_MIN ? v.side * 4 : a.mapStep,
+            a.nullDst ? nullptr : v.dstPlanes.data(), a.dstStep == INT_MIN ? v.step : a.dstStep,
             a.nullDstVol ? nullptr : &a.dst, a.selector);
         EXPECT_EQ(status, row.want);
         Cuboid want = voi;
         if (status == vlkStatusOk && a.vol.depth > 1)
             want.width = 6, want.height = 5, want.depth = 4;
         EXPECT_TRUE(same(a.voi, want)) << "cuboid handed back wrong";
-        const bool changed = std::memcmp(dst.data(), before.data(), dst.size() * sizeof(T));
-        EXPECT_TRUE(status == vlkStatusOk || !changed) << "destination written";
+        EXPECT_TRUE(status == vlkStatusOk || !v.dstWritten()) << "destination written";
     }
 }
 
-TEST(RemapChecks, FirstFailingCheckDecidesAndNothingIsWritten)
-{
-    checkRows<Vlk8u>();
-    checkRows<Vlk16u>();
-    checkRows<Vlk32f>();
-}
-
-// The volume path trims the caller's cuboid to the volume in place, origin unchanged; errors,
-// warnings and the single-plane path leave it as it was.
+// The volume path trims the caller's cuboid to the volume in place, origin unchanged; the
+// single-plane path leaves it as it was (the check table covers errors and warnings).
 TEST(RemapCuboid, VolumePathWritesTheTrimmedExtentsBack)
 {
     const struct {
@@ -402,13 +366,8 @@ TEST(RemapCuboid, VolumePathWritesTheTrimmedExtentsBack)
         {{50, 6, 5}, {10, 0, 0, 100, 6, 5}, 2, vlkStatusOk, {10, 0, 0, 40, 6, 5}},
         {{6, 5, 4}, {2, 1, 3, 9, 9, 9}, 6, vlkStatusOk, {2, 1, 3, 4, 4, 1}},
         {{6, 5, 4}, {1, 1, 1, 2, 2, 2}, 1, vlkStatusOk, {1, 1, 1, 2, 2, 2}},
-        {{6, 5, 4}, {0, 0, 4, 30, 3, 3}, 2, vlkStatusWrongIntersectVOI, {0, 0, 4, 30, 3, 3}},
         {{6, 5, 4}, {1, 5, 0, 30, 30, 30}, 2, vlkStatusWrongIntersectVOI, {1, 5, 0, 30, 30, 30}},
-        {{6, 5, 4}, {-1, 0, 0, 30, 3, 3}, 2, vlkStatusSize, {-1, 0, 0, 30, 3, 3}},
-        {{6, 5, 4}, {1, 0, 0, 30, 3, 3}, 3, vlkStatusInterpolation, {1, 0, 0, 30, 3, 3}},
-        {{6, 5, 1}, {2, 1, 0, 30, 30, 30}, 2, vlkStatusOk, {2, 1, 0, 30, 30, 30}},
-        {{6, 5, 1}, {2, 1, 0, 30, 30, 30}, 5, vlkStatusInterpolation, {2, 1, 0, 30, 30, 30}},
-        {{6, 5, 1}, {6, 1, 0, 30, 30, 30}, 2, vlkStatusWrongIntersectROI, {6, 1, 0, 30, 30, 30}}};
+        {{6, 5, 1}, {2, 1, 0, 30, 30, 30}, 2, vlkStatusOk, {2, 1, 0, 30, 30, 30}}};
     for (const auto& row : rows) {
         const RemapCase c{row.vol, row.voi, {4, 3, 2}};
         SCOPED_TRACE(describe(c, row.selector));

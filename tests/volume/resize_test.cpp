@@ -15,35 +15,12 @@
 #include <vector>
 
 #include "reference/resize_reference.h"
-#include "resize_ops.h"
-#include "test_mesh.h"
-#include "vlkr.h"
+#include "volume_ops.h"
 
 namespace {
 
-using vlkr::test::Ops;
-
-using vlkr::test::bitsOf;
+using namespace vlkr::test;
 namespace ref = vlkr::reference;
-
-constexpr int kSelectors[] = {1, 2, 4, 5, 6, 7};
-
-// Destination bytes the library may not write hold 0xA5.
-template <class T>
-T canary()
-{
-    T v;
-    std::memset(&v, 0xA5, sizeof v);
-    return v;
-}
-
-// Source padding: NaN for floats, so a voxel read from outside the volume shows up.
-template <class T>
-T poison()
-{
-    if constexpr (std::is_same_v<T, float>) return std::numeric_limits<float>::quiet_NaN();
-    return canary<T>();
-}
 
 enum class Layout { Block, BottomUp, Planes };
 const char* nameOf(Layout l)
@@ -52,53 +29,17 @@ const char* nameOf(Layout l)
 }
 constexpr Layout kLayouts[] = {Layout::Block, Layout::BottomUp, Layout::Planes};
 
-// A volume with random padding after rows and planes. Block: one allocation; bottom-up: the
-// same with negative steps; planes: one allocation per plane, unevenly spaced. Byte steps
-// carry up to sizeof(T) - 1 extra bytes, which the arithmetic shift to elements drops (for
-// negative steps too, as it rounds down).
+// A volume with random padding after rows and planes, and byte steps carrying up to
+// sizeof(T) - 1 extra bytes, which the arithmetic shift to elements drops (for the negative
+// steps of bottom-up blocks too, as it rounds down).
 template <class T>
-struct Volume {
-    VolumeSize size;
-    Layout layout;
-    long row = 0, plane = 0;  // element strides
-    int slack = 0;
-    std::vector<std::vector<T>> chunks;
-    std::vector<T*> planes;  // voxel (0, 0, z)
-
-    Volume(VolumeSize s, Layout l, std::mt19937& rng, T fill) : size(s), layout(l)
-    {
-        row = s.width + long(rng() % 3);
-        slack = int(rng() % sizeof(T));
-        if (l == Layout::Planes) {
-            std::vector<std::size_t> lead;
-            for (int z = 0; z < s.depth; ++z) {
-                lead.push_back(rng() % 9);
-                chunks.emplace_back(std::size_t(lead.back() + s.height * row + rng() % 9), fill);
-            }
-            for (int z = 0; z < s.depth; ++z) planes.push_back(chunks[z].data() + lead[z]);
-            return;
-        }
-        plane = s.height * row + long(rng() % 5);
-        chunks.emplace_back(std::size_t(plane * s.depth), fill);
-        T* base = chunks[0].data();
-        if (l == Layout::BottomUp) {
-            base += (s.depth - 1) * plane + (s.height - 1) * row;
-            row = -row, plane = -plane;
-        }
-        for (int z = 0; z < s.depth; ++z) planes.push_back(base + z * plane);
-    }
-    T& at(int x, int y, int z) { return planes[z][y * row + x]; }
-    int rowStep() const { return int(row) * int(sizeof(T)) + slack; }
-    int planeStep() const { return int(plane) * int(sizeof(T)) + slack; }
-    bool untouched() const
-    {
-        const T c = canary<T>();
-        for (const auto& chunk : chunks)
-            for (const T& v : chunk)
-                if (std::memcmp(&v, &c, sizeof(T)) != 0) return false;
-        return true;
-    }
-};
+Grid<T> makeVolume(VolumeSize s, Layout l, std::mt19937& rng, unsigned char fill)
+{
+    const int slack = int(rng() % sizeof(T));
+    if (l != Layout::Planes) return Grid<T>::block(s, rng, fill, slack, l == Layout::BottomUp);
+    const int pitch = (s.width + int(rng() % 3)) * int(sizeof(T));
+    return Grid<T>(s, pitch + slack, pitch, rng, fill);
+}
 
 // Dense source values, x fastest.
 template <class T>
@@ -112,18 +53,11 @@ struct Voxels {
     double operator()(int x, int y, int z) const { return double(at(x, y, z)); }
 };
 
-// Random voxels over the whole range of the type; floats in [-100, 100].
 template <class T>
 Voxels<T> randomVoxels(VolumeSize s, std::mt19937& rng)
 {
     Voxels<T> out{s, std::vector<T>(std::size_t(s.width) * s.height * s.depth)};
-    if constexpr (std::is_same_v<T, float>) {
-        std::uniform_real_distribution<float> u(-100.0f, 100.0f);
-        for (T& x : out.v) x = u(rng);
-    } else {
-        std::uniform_int_distribution<int> u(0, std::numeric_limits<T>::max());
-        for (T& x : out.v) x = T(u(rng));
-    }
+    for (T& x : out.v) x = randomVoxel<T>(rng);
     return out;
 }
 
@@ -136,43 +70,28 @@ struct Geometry {
 std::string describe(const Geometry& g, int selector, Layout layout)
 {
     std::ostringstream os;
-    os << "volume " << g.vol.width << "x" << g.vol.height << "x" << g.vol.depth << " src {"
-       << g.src.x << "," << g.src.y << "," << g.src.z << "," << g.src.width << "," << g.src.height
-       << "," << g.src.depth << "} dst {" << g.dst.x << "," << g.dst.y << "," << g.dst.z << ","
-       << g.dst.width << "," << g.dst.height << "," << g.dst.depth << "} factor " << g.factor[0]
-       << "," << g.factor[1] << "," << g.factor[2] << " shift " << g.shift[0] << "," << g.shift[1]
-       << "," << g.shift[2] << " selector " << selector << " layout " << nameOf(layout);
+    print(os << "volume ", g.vol);
+    print(os << " src ", g.src);
+    print(os << " dst ", g.dst) << " factor " << g.factor[0] << "," << g.factor[1] << ","
+                                << g.factor[2] << " shift " << g.shift[0] << "," << g.shift[1]
+                                << "," << g.shift[2] << " selector " << selector << " layout "
+                                << nameOf(layout);
     return os.str();
 }
 
 template <class T>
-vlkStatus resize(const Volume<T>& src, const Geometry& g, Volume<T>& dst, int selector,
+vlkStatus resize(const Grid<T>& src, const Geometry& g, Grid<T>& dst, Layout layout, int selector,
                  unsigned char* buffer)
 {
     const double *f = g.factor, *s = g.shift;
-    if (src.layout == Layout::Planes) {
+    if (layout == Layout::Planes) {
         const std::vector<const T*> in(src.planes.begin(), src.planes.end());
-        return Ops<T>::planes(in.data(), &src.size, src.rowStep(), &g.src, dst.planes.data(),
-                              dst.rowStep(), &g.dst, f[0], f[1], f[2], s[0], s[1], s[2], selector,
-                              buffer);
+        return Ops<T>::planes(in.data(), &src.size, src.step, &g.src, dst.planes.data(), dst.step,
+                              &g.dst, f[0], f[1], f[2], s[0], s[1], s[2], selector, buffer);
     }
-    return Ops<T>::block(src.planes[0], &src.size, src.rowStep(), src.planeStep(), &g.src,
-                         dst.planes[0], dst.rowStep(), dst.planeStep(), &g.dst, f[0], f[1], f[2],
-                         s[0], s[1], s[2], selector, buffer);
-}
-
-// Whether a library voxel agrees with the reference value v, whose terms add up to magnitude:
-// nearest is exact, floats within 1e-5 of the term size, integers within one step.
-template <class T>
-bool agrees(T got, double v, double magnitude, int selector)
-{
-    if constexpr (std::is_same_v<T, float>) {
-        if (selector == vlkInterNearest) return bitsOf(got) == bitsOf(float(v));
-        return std::fabs(double(got) - v) <= 1e-5 * std::max(1.0, magnitude);
-    } else {
-        const int want = ref::resizeStore<T>(v);
-        return selector == vlkInterNearest ? got == want : std::abs(int(got) - want) <= 1;
-    }
+    return Ops<T>::block(src.planes[0], &src.size, src.step, src.planeStep, &g.src, dst.planes[0],
+                         dst.step, dst.planeStep, &g.dst, f[0], f[1], f[2], s[0], s[1], s[2],
+                         selector, buffer);
 }
 
 // Resizes in one layout and checks the status, every written voxel against the reference, and
@@ -182,13 +101,13 @@ template <class T>
 std::vector<T> resizeAndCheck(const Voxels<T>& values, const Geometry& g, int selector,
                               Layout layout, std::mt19937& rng, unsigned char* buffer = nullptr)
 {
-    Volume<T> src(g.vol, layout, rng, poison<T>());
+    Grid<T> src = makeVolume<T>(g.vol, layout, rng, kPoison);
     for (int z = 0; z < g.vol.depth; ++z)
         for (int y = 0; y < g.vol.height; ++y)
-            for (int x = 0; x < g.vol.width; ++x) src.at(x, y, z) = values.at(x, y, z);
+            for (int x = 0; x < g.vol.width; ++x) src.set(x, y, z, values.at(x, y, z));
     const VolumeSize dstSize{g.dst.x + g.dst.width + 1, g.dst.y + g.dst.height + 1,
                              g.dst.z + g.dst.depth + 1};
-    Volume<T> dst(dstSize, layout, rng, canary<T>());
+    Grid<T> dst = makeVolume<T>(dstSize, layout, rng, kCanary);
     std::vector<unsigned char> own;
     if (!buffer) {
         int size = 0;
@@ -197,7 +116,7 @@ std::vector<T> resizeAndCheck(const Voxels<T>& values, const Geometry& g, int se
         buffer = own.data();
     }
     const ref::ResizeRegion r = ref::resizeRegion(g.vol, g.src, g.dst, g.factor, g.shift);
-    EXPECT_EQ(resize(src, g, dst, selector, buffer),
+    EXPECT_EQ(resize(src, g, dst, layout, selector, buffer),
               r.empty() ? vlkStatusNoOperation : vlkStatusOk);
 
     std::vector<T> written;
@@ -211,20 +130,20 @@ std::vector<T> resizeAndCheck(const Voxels<T>& values, const Geometry& g, int se
                 double magnitude = 0;
                 const double want =
                     ref::resizeVoxel(values, g.vol, selector, d, g.factor, g.shift, &magnitude);
-                T& got = dst.at(x, y, z);
+                const T got = dst.get(x, y, z);
                 written.push_back(got);
                 bias += double(got) - double(ref::resizeStore<T>(want));
-                if (!agrees(got, want, magnitude, selector) && bad++ == 0)
+                if (!agrees(got, want, magnitude, selector == vlkInterNearest) && bad++ == 0)
                     first << "(" << x << "," << y << "," << z << ") got " << +got << " want "
                           << want;
-                got = canary<T>();
+                dst.reset(x, y, z);
             }
     EXPECT_EQ(bad, 0) << "voxels off the reference, first " << first.str();
     // Integers round to nearest, so the one-step tolerance must not hide a bias.
     if (!std::is_same_v<T, float> && selector != vlkInterNearest && written.size() >= 200) {
         EXPECT_NEAR(bias / double(written.size()), 0.0, 0.25) << "integer results biased";
     }
-    EXPECT_TRUE(dst.untouched()) << "a destination byte outside the written region changed";
+    EXPECT_TRUE(dst.allBytes(kCanary)) << "a destination byte outside the written region changed";
     return written;
 }
 
@@ -254,14 +173,6 @@ void checkAllLayouts(const Voxels<T>& values, const Geometry& g, int selector, s
 template <class T>
 class ResizeTyped : public ::testing::Test {
 };
-struct VoxelNames {
-    template <class T>
-    static std::string GetName(int)
-    {
-        return sizeof(T) == 1 ? "8u" : sizeof(T) == 2 ? "16u" : "32f";
-    }
-};
-using VoxelTypes = ::testing::Types<Vlk8u, Vlk16u, Vlk32f>;
 TYPED_TEST_SUITE(ResizeTyped, VoxelTypes, VoxelNames);
 
 // ------------------------------------------------------------------ against the reference
@@ -299,20 +210,20 @@ TYPED_TEST(ResizeTyped, TableCasesMatchTheReferenceInEveryLayout)
 // Random volumes, cuboids, factors and shifts; quarter shifts make exact halves common.
 Geometry randomGeometry(std::mt19937& rng)
 {
-    auto pick = [&rng](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
     const double factors[] = {0.45, 0.5, 0.8, 1.0, 1.37, 1.7, 2.0, 3.1};
     Geometry g{};
-    const int size[3] = {pick(1, 12), pick(1, 10), pick(1, 9)};
+    const int size[3] = {pick(rng, 1, 12), pick(rng, 1, 10), pick(rng, 1, 9)};
     int at[3], extent[3], dstAt[3], dstExtent[3];
     for (int a = 0; a < 3; ++a) {
-        at[a] = pick(0, (size[a] - 1) / 2);
-        extent[a] = pick(1, size[a] - at[a] + 2);
-        g.factor[a] = factors[pick(0, 7)];
-        g.shift[a] =
-            pick(0, 1) ? pick(-16, 16) / 4.0 : std::uniform_real_distribution<double>(-4, 4)(rng);
+        at[a] = pick(rng, 0, (size[a] - 1) / 2);
+        extent[a] = pick(rng, 1, size[a] - at[a] + 2);
+        g.factor[a] = factors[pick(rng, 0, 7)];
+        g.shift[a] = pick(rng, 0, 1) ? pick(rng, -16, 16) / 4.0
+                                     : std::uniform_real_distribution(-4.0, 4.0)(rng);
         // The destination cuboid starts near where the source cuboid lands.
-        dstAt[a] = std::max(0, int(std::floor(at[a] * g.factor[a] + g.shift[a])) - pick(0, 3));
-        dstExtent[a] = pick(1, 24);
+        const int lands = int(std::floor(at[a] * g.factor[a] + g.shift[a]));
+        dstAt[a] = std::max(0, lands - pick(rng, 0, 3));
+        dstExtent[a] = pick(rng, 1, 24);
     }
     g.vol = {size[0], size[1], size[2]};
     g.src = {at[0], at[1], at[2], extent[0], extent[1], extent[2]};

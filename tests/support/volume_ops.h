@@ -1,5 +1,5 @@
-// The affine warp and remap entry points by voxel type, and the plane-array volumes their
-// typed tests run on.
+// The volume entry points by voxel type, the plane-array volumes their typed tests run on,
+// and the helpers the resize, warp and remap tests share.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -20,39 +20,46 @@
 
 namespace vlkr::test {
 
-// Entry points by voxel type: WarpOps<T>::warp and RemapOps<T>::remap.
+// Entry points by voxel type: resize in block and plane layouts, the affine warp and remap.
 template <class T>
-struct WarpOps;
+struct Ops;
 template <>
-struct WarpOps<Vlk8u> {
+struct Ops<Vlk8u> {
+    static constexpr auto block = &vlkrResize_8u_C1V;
+    static constexpr auto planes = &vlkrResize_8u_C1PV;
     static constexpr auto warp = &vlkrWarpAffine_8u_C1PV;
     static constexpr auto remap = &vlkrRemap_8u_C1PV;
 };
 template <>
-struct WarpOps<Vlk16u> {
+struct Ops<Vlk16u> {
+    static constexpr auto block = &vlkrResize_16u_C1V;
+    static constexpr auto planes = &vlkrResize_16u_C1PV;
     static constexpr auto warp = &vlkrWarpAffine_16u_C1PV;
     static constexpr auto remap = &vlkrRemap_16u_C1PV;
 };
 template <>
-struct WarpOps<Vlk32f> {
+struct Ops<Vlk32f> {
+    static constexpr auto block = &vlkrResize_32f_C1V;
+    static constexpr auto planes = &vlkrResize_32f_C1PV;
     static constexpr auto warp = &vlkrWarpAffine_32f_C1PV;
     static constexpr auto remap = &vlkrRemap_32f_C1PV;
 };
-template <class T>
-using RemapOps = WarpOps<T>;
+
+constexpr int kSelectors[] = {1, 2, 4, 5, 6, 7};
 
 // Destination bytes the library may not write hold 0xA5; source and map padding holds 0xFF,
 // a NaN in floats at any byte offset, the maximum in the integer types.
 constexpr unsigned char kCanary = 0xA5, kPoison = 0xFF;
 
 // One volume as an array of planes, each its own allocation starting a random number of
-// bytes in, so the planes sit unevenly apart. `step` is the byte row step handed to the
-// library, `pitch` the bytes between rows as the library should use them (they differ when
-// the step carries slack that a shift to elements drops). Every byte starts as `fill`.
+// bytes in, so the planes sit unevenly apart (or, from block(), one allocation). `step` is the
+// byte row step handed to the library, `pitch` the bytes between rows as the library should
+// use them (they differ when the step carries slack that a shift to elements drops). Every
+// byte starts as `fill`.
 template <class T>
 struct Grid {
     VolumeSize size;
-    int step, pitch;
+    int step, pitch, planeStep = 0;
     std::vector<std::vector<unsigned char>> chunks;
     std::vector<T*> planes;
 
@@ -70,6 +77,7 @@ struct Grid {
         for (int z = 0; z < s.depth; ++z)
             planes.push_back(reinterpret_cast<T*>(chunks[z].data() + lead[z]));
     }
+    Grid(VolumeSize s, int step_, int pitch_) : size(s), step(step_), pitch(pitch_) {}
     // Plane pointers point into the chunks: a grid moves but never copies.
     Grid(const Grid&) = delete;
     Grid(Grid&&) = default;
@@ -80,6 +88,21 @@ struct Grid {
     {
         const int step = (s.width + int(rng() % 3)) * int(sizeof(T)) + slack;
         return Grid(s, step, step, rng, fill, startSlack);
+    }
+    // One allocation with random row and plane padding and `slack` bytes on both steps; bottom
+    // up starts at the last row of the last plane, so both steps are negative.
+    static Grid block(VolumeSize s, std::mt19937& rng, unsigned char fill, int slack, bool bottomUp)
+    {
+        const int row = (s.width + int(rng() % 3)) * int(sizeof(T)), sign = bottomUp ? -1 : 1;
+        const long plane = long(s.height) * row + long(rng() % 5 * sizeof(T));
+        Grid g(s, sign * row + slack, sign * row);
+        g.planeStep = int(sign * plane) + slack;
+        g.chunks.emplace_back(std::size_t(plane * s.depth), fill);
+        unsigned char* base = g.chunks[0].data();
+        if (bottomUp) base += (s.depth - 1) * plane + (s.height - 1) * row;
+        for (int z = 0; z < s.depth; ++z)
+            g.planes.push_back(reinterpret_cast<T*>(base + sign * z * plane));
+        return g;
     }
     unsigned char* address(int x, int y, int z) const
     {
@@ -174,6 +197,52 @@ struct VoxelNames {
     {
         return sizeof(T) == 1 ? "8u" : sizeof(T) == 2 ? "16u" : "32f";
     }
+};
+
+// A side-cubed volume of 7s, a canary-filled destination and maps of 1.0, each one block with
+// plane pointers, for the argument-check tables: any write to the destination shows.
+template <class T>
+struct CheckVolumes {
+    int side, step;
+    std::vector<T> src, dst;
+    std::vector<float> map;
+    std::vector<const T*> srcPlanes;
+    std::vector<T*> dstPlanes;
+    std::vector<const float*> mapPlanes;
+
+    explicit CheckVolumes(int n)
+        : side(n), step(n * int(sizeof(T))), src(std::size_t(n) * n * n, T(7)), dst(src.size()),
+          map(src.size(), 1.0f)
+    {
+        std::memset(dst.data(), kCanary, dst.size() * sizeof(T));
+        for (int z = 0; z < n; ++z) {
+            srcPlanes.push_back(src.data() + z * n * n);
+            dstPlanes.push_back(dst.data() + z * n * n);
+            mapPlanes.push_back(map.data() + z * n * n);
+        }
+    }
+    bool dstWritten() const
+    {
+        const auto* p = reinterpret_cast<const unsigned char*>(dst.data());
+        return std::any_of(p, p + dst.size() * sizeof(T),
+                           [](unsigned char c) { return c != kCanary; });
+    }
+};
+
+// A source too small for some kernels: each selector in `from` gives the bytes `to` gives.
+struct FallbackRow {
+    VolumeSize vol;
+    int from[4], to;
+};
+
+// One row of an argument-check table: what it breaks, the edit to valid arguments A, the
+// status wanted and, where the table says so, whether the destination changes.
+template <class A>
+struct CheckRow {
+    const char* what;
+    void (*edit)(A&);
+    vlkStatus want;
+    bool writes = false;
 };
 
 }  // namespace vlkr::test
