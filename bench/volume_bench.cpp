@@ -194,8 +194,9 @@ int main(int argc, char** argv)
     for (const Shape& shape : kShapes)
         for (const char* type : types)
             for (const Interp& in : kInterps) {
-                const Row r = row(reporter, resizeName(shape, type, in), floorName(shape, type),
-                                  cube(shape.side()), scipy, {type, shape.factor, in.scipyOrder}, 2);
+                const Row r =
+                    row(reporter, resizeName(shape, type, in), floorName(shape, type),
+                        cube(shape.side()), scipy, {type, shape.factor, in.scipyOrder}, 2);
                 if (r.ours > 0)
                     std::printf("%-14s %-4s %-12s %12.1f %13s %11s %15s\n", shape.label, type,
                                 in.name, r.ours, r.scipy, r.ratio, r.floor);

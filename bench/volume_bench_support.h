@@ -3,6 +3,8 @@
 // columns that compare them.
 #pragma once
 
+#include <benchmark/benchmark.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -13,8 +15,6 @@
 #include <type_traits>
 #include <vector>
 
-#include <benchmark/benchmark.h>
-
 #include "ratio_reporter.h"
 
 namespace vlkr::bench {
@@ -22,7 +22,7 @@ namespace vlkr::bench {
 // The ratio reporter, also keeping each run's time per call for the SciPy table; names drop
 // the "/iterations:N" suffix so that they read, and pair, as registered.
 class TimingReporter : public RatioReporter {
-public:
+   public:
     void ReportRuns(const std::vector<Run>& runs) override
     {
         std::vector<Run> named, failed;  // a failed run would enter the ratio table as zero
@@ -44,7 +44,7 @@ public:
         return it == ms_.end() ? 0.0 : it->second;
     }
 
-private:
+   private:
     std::map<std::string, double> ms_;
 };
 

@@ -13,10 +13,7 @@ namespace vlkr::reference {
 // Destination voxels [begin, end) per axis (x, y, z) that a resize writes.
 struct ResizeRegion {
     int begin[3], end[3];
-    bool empty() const
-    {
-        return begin[0] >= end[0] || begin[1] >= end[1] || begin[2] >= end[2];
-    }
+    bool empty() const { return begin[0] >= end[0] || begin[1] >= end[1] || begin[2] >= end[2]; }
 };
 
 // The source cuboid is trimmed to the volume, mapped by factor and shift, cut by the
@@ -31,8 +28,8 @@ inline ResizeRegion resizeRegion(const VolumeSize& vol, const Cuboid& src, const
     for (int a = 0; a < 3; ++a) {
         const int extent = std::min(size[a] - srcAt[a], srcExtent[a]);
         const double from = std::max(srcAt[a] * factor[a] + shift[a], double(dstAt[a]));
-        const double to = std::min((srcAt[a] + extent) * factor[a] + shift[a],
-                                   double(dstAt[a] + dstExtent[a]));
+        const double to =
+            std::min((srcAt[a] + extent) * factor[a] + shift[a], double(dstAt[a] + dstExtent[a]));
         r.begin[a] = int(std::trunc(from + 0.4999999999));
         r.end[a] = int(std::trunc(to + 0.5000000001));
     }
@@ -46,10 +43,15 @@ inline double resizeKernel(int selector, double x)
     if (a >= 2) return 0;
     const bool inner = a < 1;
     switch (selector) {
-    case 4: return inner ? 0.5 * a3 - a2 - 0.5 * a + 1 : -a3 / 6 + a2 - 11.0 / 6 * a + 1;
-    case 5: return inner ? 0.5 * a3 - a2 + 2.0 / 3 : -a3 / 6 + a2 - 2 * a + 4.0 / 3;
-    case 6: return inner ? 1.5 * a3 - 2.5 * a2 + 1 : -0.5 * a3 + 2.5 * a2 - 4 * a + 2;
-    case 7: return inner ? 0.95 * a3 - 1.7 * a2 + 5.0 / 6 : -23.0 / 60 * a3 + 2 * a2 - 3.4 * a + 28.0 / 15;
+        case 4:
+            return inner ? 0.5 * a3 - a2 - 0.5 * a + 1 : -a3 / 6 + a2 - 11.0 / 6 * a + 1;
+        case 5:
+            return inner ? 0.5 * a3 - a2 + 2.0 / 3 : -a3 / 6 + a2 - 2 * a + 4.0 / 3;
+        case 6:
+            return inner ? 1.5 * a3 - 2.5 * a2 + 1 : -0.5 * a3 + 2.5 * a2 - 4 * a + 2;
+        case 7:
+            return inner ? 0.95 * a3 - 1.7 * a2 + 5.0 / 6
+                         : -23.0 / 60 * a3 + 2 * a2 - 3.4 * a + 28.0 / 15;
     }
     return NAN;
 }

@@ -211,7 +211,10 @@ struct CheckVolumes {
     std::vector<const float*> mapPlanes;
 
     explicit CheckVolumes(int n)
-        : side(n), step(n * int(sizeof(T))), src(std::size_t(n) * n * n, T(7)), dst(src.size()),
+        : side(n),
+          step(n * int(sizeof(T))),
+          src(std::size_t(n) * n * n, T(7)),
+          dst(src.size()),
           map(src.size(), 1.0f)
     {
         std::memset(dst.data(), kCanary, dst.size() * sizeof(T));

@@ -94,10 +94,9 @@ template <class T>
 vlkStatus callRemap(RemapRun<T>& r, const RemapCase& c, int selector)
 {
     r.voi = c.voi;
-    return Ops<T>::remap(r.src.planes.data(), &c.vol, r.src.step, &r.voi,
-                              r.maps[0].planes.data(), r.maps[1].planes.data(),
-                              r.maps[2].planes.data(), r.maps[0].step, r.dst.planes.data(),
-                              r.dst.step, &c.dst, selector);
+    return Ops<T>::remap(r.src.planes.data(), &c.vol, r.src.step, &r.voi, r.maps[0].planes.data(),
+                         r.maps[1].planes.data(), r.maps[2].planes.data(), r.maps[0].step,
+                         r.dst.planes.data(), r.dst.step, &c.dst, selector);
 }
 
 // The cuboid as handed back (trimmed by the volume path only), every destination voxel whose
@@ -195,8 +194,8 @@ TYPED_TEST(RemapTyped, SinglePlaneSourceRemapsIntoPlaneZero)
 TYPED_TEST(RemapTyped, SmallSourcesFallBackToSimplerKernels)
 {
     const FallbackRow rows[] = {{{3, 6, 5}, {4, 5, 6, 7}, 2}, {{6, 5, 2}, {4, 5, 6, 7}, 2},
-                {{1, 6, 5}, {2, 4, 6, 7}, 1}, {{4, 1, 3}, {2, 4, 5, 6}, 1},
-                {{3, 6, 1}, {4, 6, 4, 6}, 2}, {{6, 1, 1}, {2, 4, 6, 2}, 1}};
+                                {{1, 6, 5}, {2, 4, 6, 7}, 1}, {{4, 1, 3}, {2, 4, 5, 6}, 1},
+                                {{3, 6, 1}, {4, 6, 4, 6}, 2}, {{6, 1, 1}, {2, 4, 6, 2}, 1}};
     for (const auto& row : rows)
         for (int from : row.from) {
             const RemapCase c{row.vol, {0, 0, 0, 9, 9, 9}, {7, 6, 4}};

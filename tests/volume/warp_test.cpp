@@ -71,7 +71,7 @@ WarpRun<T> runWarp(const WarpCase& w, int selector, unsigned seed)
                              w.dst.z + w.dst.depth + 1};
     auto dst = Grid<T>::padded(dstSize, rng, kCanary);
     const vlkStatus status = Ops<T>::warp(src.planes.data(), &w.vol, src.step, &w.src,
-                                              dst.planes.data(), dst.step, &w.dst, w.c, selector);
+                                          dst.planes.data(), dst.step, &w.dst, w.c, selector);
     return {std::move(src), std::move(dst), status};
 }
 
@@ -282,8 +282,8 @@ TYPED_TEST(WarpTyped, SmallSourcesFallBackToSimplerKernels)
     // has points landing on it.
     const double c[3][4] = {{1, 0, 0, 0}, {0, 2, 0, 0.5}, {0, 0, 0.5, 0.25}};
     const FallbackRow rows[] = {{{3, 3, 3}, {4, 5, 6, 7}, 2}, {{8, 7, 3}, {4, 5, 6, 7}, 2},
-                {{1, 6, 5}, {2, 4, 6, 7}, 1}, {{1, 4, 3}, {2, 4, 5, 6}, 1},
-                {{3, 7, 1}, {4, 5, 6, 7}, 2}, {{6, 3, 1}, {4, 5, 6, 7}, 2}};
+                                {{1, 6, 5}, {2, 4, 6, 7}, 1}, {{1, 4, 3}, {2, 4, 5, 6}, 1},
+                                {{3, 7, 1}, {4, 5, 6, 7}, 2}, {{6, 3, 1}, {4, 5, 6, 7}, 2}};
     for (const auto& r : rows)
         for (int from : r.from) {
             WarpCase w{r.vol, {0, 0, 0, 9, 9, 9}, {0, 0, 1, 11, 11, 9}, {}};
@@ -349,15 +349,30 @@ const Row kRows[] = {
     {"permuted, x diagonal 1e-100", [](Args& a) { permute(a), a.c[0][0] = 1e-100; }, vlkStatusCoeff,
      false},
     {"permuted, x diagonal 1e-99", [](Args& a) { permute(a), a.c[0][0] = 1e-99; }, 0, true},
-    {"y row zero", [](Args& a) { set(a, {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0}); },
+    {"y row zero",
+     [](Args& a) {
+         set(a, {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0});
+     },
      vlkStatusCoeff, false},
-    {"y row twice z", [](Args& a) { set(a, {1, 0, 0, 0, .2, 2.6, .4, 0, .1, 1.3, .2, 0}); },
+    {"y row twice z",
+     [](Args& a) {
+         set(a, {1, 0, 0, 0, .2, 2.6, .4, 0, .1, 1.3, .2, 0});
+     },
      vlkStatusCoeff, false},
-    {"y, z 1e-12 apart", [](Args& a) { set(a, {1, 0, 0, 0, .3, 1, 2, 0, .3, 1, 2 + 2e-12, 0}); },
+    {"y, z 1e-12 apart",
+     [](Args& a) {
+         set(a, {1, 0, 0, 0, .3, 1, 2, 0, .3, 1, 2 + 2e-12, 0});
+     },
      vlkStatusCoeff, false},
-    {"y, z rows 1e-6 apart", [](Args& a) { set(a, {1, 0, 0, 0, 0, 1, 1, 0, 0, 1, 1 + 1e-6, 0}); },
+    {"y, z rows 1e-6 apart",
+     [](Args& a) {
+         set(a, {1, 0, 0, 0, 0, 1, 1, 0, 0, 1, 1 + 1e-6, 0});
+     },
      0, true},
-    {"x row twice y", [](Args& a) { set(a, {0, 2, .4, 0, 0, 1, .2, 0, 0, 0, 1, 0}); },
+    {"x row twice y",
+     [](Args& a) {
+         set(a, {0, 2, .4, 0, 0, 1, .2, 0, 0, 0, 1, 0});
+     },
      0, false},
     {"permuted, selector 3", [](Args& a) { permute(a), a.selector = 3; }, vlkStatusCoeff, false},
     {"selector 0", [](Args& a) { a.selector = 0; }, vlkStatusInterpolation, false},
@@ -419,10 +434,10 @@ TYPED_TEST(WarpTyped, FirstFailingCheckDecidesAndNothingIsWritten)
         const Cuboid srcVoi = a.src, dstVoi = a.dst;
         const auto* src = a.nullSrc ? nullptr : v.srcPlanes.data();
         auto* dst = a.nullDst ? nullptr : v.dstPlanes.data();
-        EXPECT_EQ(Ops<T>::warp(src, a.nullVol ? nullptr : &a.vol, v.step,
-                               a.nullSrcVoi ? nullptr : &a.src, dst, v.step,
-                               a.nullDstVoi ? nullptr : &a.dst, a.c, a.selector),
-                  row.want);
+        EXPECT_EQ(
+            Ops<T>::warp(src, a.nullVol ? nullptr : &a.vol, v.step, a.nullSrcVoi ? nullptr : &a.src,
+                         dst, v.step, a.nullDstVoi ? nullptr : &a.dst, a.c, a.selector),
+            row.want);
         EXPECT_EQ(v.dstWritten(), row.writes);
         EXPECT_TRUE(same(a.src, srcVoi) && same(a.dst, dstVoi)) << "a cuboid was written";
     }
