@@ -334,4 +334,19 @@ VLKR_API vlkStatus vlkrRemap_32f_C1PV(const Vlk32f* const src[], const VolumeSiz
     return vlkr::volume::remap(src, srcVolume, srcStep, srcVoi, xMap, yMap, zMap, mapStep, dst,
                                dstStep, dstVolume, interpolation);
 }
+
+VLKR_API vlkStatus vlkrFilterGetBufSize(const VolumeSize* region, const VolumeSize* kernelVolume,
+                                        int nChannel, int* pSize)
+{
+    return vlkr::volume::filterGetBufSize(region, kernelVolume, nChannel, pSize);
+}
+
+VLKR_API vlkStatus vlkrFilter_16s_C1PV(const Vlk16s* const src[], int srcStep,
+                                       Vlk16s* const dst[], int dstStep, const VolumeSize* region,
+                                       const int* kernel, const VolumeSize* kernelVolume,
+                                       const int anchor[3], int divisor, unsigned char* buffer)
+{
+    return vlkr::volume::filter(src, srcStep, dst, dstStep, region, kernel, kernelVolume, anchor,
+                                divisor, buffer);
+}
 }  // extern "C"

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdint>
 
+#include "filter.h"
 #include "geometry.h"
 #include "remap.h"
 #include "resize.h"
@@ -293,6 +294,42 @@ vlkStatus remap(const T* const src[], const VolumeSize* srcVolume, int srcStep, 
                           {srcVoi->x + srcVoi->width - 1, srcVoi->y + srcVoi->height - 1,
                            srcVoi->z + srcVoi->depth - 1}};
     runRemap<T, 3>(job, fallBackForSmallSource(interpolation, smallestSide(*srcVolume)));
+    return vlkStatusOk;
+}
+
+vlkStatus filterGetBufSize(const VolumeSize* region, const VolumeSize* kernelVolume, int nChannel,
+                           int* pSize) noexcept
+{
+    // Kept on purpose: the output pointer is tested first although it comes last.
+    if (!pSize || !region || !kernelVolume) return vlkStatusNullPtr;
+    if (!validVolume(*region) || !validVolume(*kernelVolume)) return vlkStatusSize;
+    if (nChannel != 1) return vlkStatusNumChannels;
+    // One row of 32-bit sums, plus room to align its start.
+    *pSize = int(4u * std::uint32_t(region->width) + 64u);
+    return vlkStatusOk;
+}
+
+vlkStatus filter(const Vlk16s* const src[], int srcStep, Vlk16s* const dst[], int dstStep,
+                 const VolumeSize* region, const int* kernel, const VolumeSize* kernelVolume,
+                 const int anchor[3], int divisor, unsigned char* buffer) noexcept
+{
+    // Kept on purpose: the work buffer and the anchor are not tested (a null buffer is
+    // served without one). The records are, as elsewhere.
+    if (!src || !dst || !kernel) return vlkStatusNullPtr;
+    if (!region || !kernelVolume) return vlkStatusNullPtr;
+    if (!validVolume(*region) || !validVolume(*kernelVolume)) return vlkStatusSize;
+    if (divisor == 0) return vlkStatusSize;  // there is no status of its own for it
+    const FilterJob job{src,
+                        elementStep<Vlk16s>(srcStep),
+                        dst,
+                        elementStep<Vlk16s>(dstStep),
+                        {region->width, region->height, region->depth},
+                        kernel,
+                        {kernelVolume->width, kernelVolume->height, kernelVolume->depth},
+                        {anchor[0], anchor[1], anchor[2]},
+                        divisor,
+                        buffer};
+    runFilter(job);
     return vlkStatusOk;
 }
 

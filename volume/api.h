@@ -36,4 +36,10 @@ vlkStatus remap(const T* const src[], const VolumeSize* srcVolume, int srcStep, 
                 int mapStep, T* const dst[], int dstStep, const VolumeSize* dstVolume,
                 int interpolation) noexcept;
 
+vlkStatus filterGetBufSize(const VolumeSize* region, const VolumeSize* kernelVolume, int nChannel,
+                           int* pSize) noexcept;
+vlkStatus filter(const Vlk16s* const src[], int srcStep, Vlk16s* const dst[], int dstStep,
+                 const VolumeSize* region, const int* kernel, const VolumeSize* kernelVolume,
+                 const int anchor[3], int divisor, unsigned char* buffer) noexcept;
+
 }  // namespace vlkr::volume
