@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include "voxel.h"
 
 namespace vlkr::volume {
 namespace {
@@ -33,47 +32,55 @@ inline __m128i multiplyLow(__m128i a, __m128i b)
                               _mm_shuffle_epi32(odd, _MM_SHUFFLE(0, 0, 2, 0)));
 }
 
-// Nearest integer to q, ties to even, without the floating-point rounding mode: truncation
-// is exact, and the remainder q - trunc(q) is compared with one half.
-inline int roundHalfEven(double q)
-{
-    const int t = int(q);
-    const double rest = q - t;
-    const bool odd = t & 1;
-    if (rest > 0.5 || (rest == 0.5 && odd)) return t + 1;
-    if (rest < -0.5 || (rest == -0.5 && odd)) return t - 1;
-    return t;
-}
-
-inline std::int16_t saturate(std::int32_t v)
-{
-    return std::int16_t(std::min(std::max(v, std::int32_t(-32768)), std::int32_t(32767)));
-}
-
-// The three ways from a sum to a voxel, chosen once per call.
+// The three ways from four sums to four voxels, chosen once per call. Each returns 32-bit
+// lanes that the final pack saturates to [-32768, 32767].
 struct DivideByOne {
-    std::int16_t operator()(std::int32_t sum) const { return saturate(sum); }
+    __m128i operator()(__m128i sums) const { return sums; }
 };
 
 // A positive power of two 2^s: shift, then add one when the remainder passes the half, or
 // equals it and the quotient is odd.
 struct DivideByShift {
     int s;
-    std::int16_t operator()(std::int32_t sum) const
+    __m128i operator()(__m128i sums) const
     {
-        const std::int32_t q = sum >> s, r = sum & ((std::int32_t(1) << s) - 1);
-        const std::int32_t half = std::int32_t(1) << (s - 1);
-        return saturate(q + ((r + half - 1 + (q & 1)) >> s));
+        const __m128i count = _mm_cvtsi32_si128(s);
+        const __m128i q = _mm_sra_epi32(sums, count);
+        const __m128i r = _mm_and_si128(sums, _mm_set1_epi32((1 << s) - 1));
+        const __m128i odd = _mm_and_si128(q, _mm_set1_epi32(1));
+        const __m128i up = _mm_add_epi32(_mm_add_epi32(r, _mm_set1_epi32((1 << (s - 1)) - 1)), odd);
+        return _mm_add_epi32(q, _mm_srl_epi32(up, count));
     }
 };
 
-// Any other divisor: the quotient in double, saturated, then rounded half to even.
+// Any other divisor: the quotient in double, saturated, then rounded to nearest with ties
+// to even without the floating-point rounding mode: truncation is exact, and the rest
+// q - trunc(q) is compared with one half.
 struct DivideInDouble {
     double divisor;
-    std::int16_t operator()(std::int32_t sum) const
+    __m128i half(__m128i sums) const  // the low two lanes
     {
-        const double q = std::min(std::max(double(sum) / divisor, -32768.0), 32767.0);
-        return std::int16_t(roundHalfEven(q));
+        const __m128d q =
+            _mm_min_pd(_mm_max_pd(_mm_div_pd(_mm_cvtepi32_pd(sums), _mm_set1_pd(divisor)),
+                                  _mm_set1_pd(-32768.0)),
+                       _mm_set1_pd(32767.0));
+        const __m128i t = _mm_cvttpd_epi32(q);
+        const __m128d whole = _mm_cvtepi32_pd(t), rest = _mm_sub_pd(q, whole);
+        const __m128d one = _mm_set1_pd(1.0), halfOne = _mm_set1_pd(0.5);
+        const __m128d odd = _mm_cmpeq_pd(_mm_cvtepi32_pd(_mm_and_si128(t, _mm_set1_epi32(1))), one);
+        const __m128d up =
+            _mm_or_pd(_mm_cmpgt_pd(rest, halfOne), _mm_and_pd(_mm_cmpeq_pd(rest, halfOne), odd));
+        const __m128d minusHalf = _mm_set1_pd(-0.5);
+        const __m128d down = _mm_or_pd(_mm_cmplt_pd(rest, minusHalf),
+                                       _mm_and_pd(_mm_cmpeq_pd(rest, minusHalf), odd));
+        const __m128d nearest =
+            _mm_sub_pd(_mm_add_pd(whole, _mm_and_pd(up, one)), _mm_and_pd(down, one));
+        return _mm_cvttpd_epi32(nearest);  // a whole number: exact
+    }
+    __m128i operator()(__m128i sums) const
+    {
+        return _mm_unpacklo_epi64(half(sums),
+                                  half(_mm_shuffle_epi32(sums, _MM_SHUFFLE(1, 0, 3, 2))));
     }
 };
 
@@ -98,12 +105,75 @@ inline __m128i addKernelRow(__m128i sum, const FilterJob& job, int x, int y, int
     return sum;
 }
 
+// Four sums divided, saturated and stored, `count` of them.
 template <class Divide>
 inline void storeVoxels(__m128i sums, int count, const Divide& divide, std::int16_t* out)
 {
-    alignas(16) std::int32_t lanes[4];
-    _mm_store_si128(reinterpret_cast<__m128i*>(lanes), sums);
-    for (int l = 0; l < count; ++l) storeVoxel(out + l, divide(lanes[l]));
+    const __m128i r = divide(sums);
+    alignas(16) std::int16_t lanes[8];
+    _mm_store_si128(reinterpret_cast<__m128i*>(lanes), _mm_packs_epi32(r, r));
+    std::memcpy(out, lanes, sizeof(std::int16_t) * count);
+}
+
+// Eight voxels row[0..count) as 16-bit lanes (the rest 0), never reading past them.
+inline __m128i loadEight(const std::int16_t* row, int count)
+{
+    std::int16_t lanes[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+    const std::int16_t* from = row;
+    if (count < 8) {
+        std::memcpy(lanes, row, sizeof(std::int16_t) * count);
+        from = lanes;
+    }
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
+}
+
+// Kernel row (j, k) added to eight voxels' sums when every weight fits in 16 bits: taps i
+// and i + 1 share one pmaddwd of interleaved voxel pairs, a last odd tap pairs with zero.
+// The products and their pairwise sums are the same 32-bit values as one tap at a time.
+template <int kWidth>
+inline void addKernelRowPairs(__m128i& lo, __m128i& hi, const FilterJob& job,
+                              const std::int16_t* row, const std::int32_t* weights, int count)
+{
+    const int width = kWidth > 0 ? kWidth : job.kernelSize[0];
+    auto pairOf = [](std::int32_t first, std::int32_t second) {
+        return _mm_set1_epi32(
+            std::int32_t(std::uint32_t(second) << 16 | (std::uint32_t(first) & 0xFFFF)));
+    };
+    int i = 0;
+    for (; i + 1 < width; i += 2) {
+        const __m128i a = loadEight(row - i, count), b = loadEight(row - i - 1, count);
+        const __m128i w = pairOf(weights[i], weights[i + 1]);
+        lo = _mm_add_epi32(lo, _mm_madd_epi16(_mm_unpacklo_epi16(a, b), w));
+        hi = _mm_add_epi32(hi, _mm_madd_epi16(_mm_unpackhi_epi16(a, b), w));
+    }
+    if (i < width) {
+        const __m128i a = loadEight(row - i, count), zero = _mm_setzero_si128();
+        const __m128i w = pairOf(weights[i], 0);
+        lo = _mm_add_epi32(lo, _mm_madd_epi16(_mm_unpacklo_epi16(a, zero), w));
+        hi = _mm_add_epi32(hi, _mm_madd_epi16(_mm_unpackhi_epi16(a, zero), w));
+    }
+}
+
+// Eight voxels at a time with 16-bit weights, in registers.
+template <int kWidth, class Divide>
+void filterInPairs(const FilterJob& job, const Divide& divide)
+{
+    const int width = job.kernelSize[0], height = job.kernelSize[1];
+    for (int z = 0; z < job.size[2]; ++z)
+        for (int y = 0; y < job.size[1]; ++y) {
+            std::int16_t* out = job.dst[z] + std::ptrdiff_t(y) * job.dstStep;
+            for (int x = 0; x < job.size[0]; x += 8) {
+                const int count = std::min(8, job.size[0] - x);
+                __m128i lo = _mm_setzero_si128(), hi = _mm_setzero_si128();
+                for (int k = 0; k < job.kernelSize[2]; ++k)
+                    for (int j = 0; j < height; ++j)
+                        addKernelRowPairs<kWidth>(
+                            lo, hi, job, sourceRow(job, x, y, z, 0, j, k),
+                            job.kernel + std::ptrdiff_t(width) * (j + height * k), count);
+                storeVoxels(lo, std::min(count, 4), divide, out + x);
+                if (count > 4) storeVoxels(hi, count - 4, divide, out + x + 4);
+            }
+        }
 }
 
 // Every tap of four voxels at a time, in registers: the dedicated kernel sizes, and any
@@ -149,7 +219,13 @@ void filterWithRowBuffer(const FilterJob& job, const Divide& divide)
                         if (count < 4) std::memcpy(sums + x, lanes, sizeof(std::int32_t) * count);
                     }
             std::int16_t* out = job.dst[z] + std::ptrdiff_t(y) * job.dstStep;
-            for (int x = 0; x < width; ++x) storeVoxel(out + x, divide(sums[x]));
+            for (int x = 0; x < width; x += 4) {
+                const int count = std::min(4, width - x);
+                alignas(16) std::int32_t lanes[4] = {0, 0, 0, 0};
+                std::memcpy(lanes, sums + x, sizeof(std::int32_t) * count);
+                storeVoxels(_mm_load_si128(reinterpret_cast<const __m128i*>(lanes)), count, divide,
+                            out + x);
+            }
         }
 }
 
@@ -157,10 +233,13 @@ template <class Divide>
 void filterWith(const FilterJob& job, const Divide& divide)
 {
     const int* k = job.kernelSize;
+    const std::int32_t* end = job.kernel + std::ptrdiff_t(k[0]) * k[1] * k[2];
+    const bool narrow =
+        std::all_of(job.kernel, end, [](std::int32_t w) { return w == std::int16_t(w); });
     if (k[0] == 3 && k[1] == 3 && k[2] == 3)
-        filterInRegisters<3>(job, divide);
+        narrow ? filterInPairs<3>(job, divide) : filterInRegisters<3>(job, divide);
     else if (k[0] == 5)
-        filterInRegisters<5>(job, divide);
+        narrow ? filterInPairs<5>(job, divide) : filterInRegisters<5>(job, divide);
     else if (job.buffer)
         filterWithRowBuffer(job, divide);
     else  // no buffer: the register path serves any size, with the same results
