@@ -50,6 +50,18 @@ vlkStatus checkAndResize(const Layout<const T>& src, const VolumeSize* srcVolume
     return vlkStatusOk;
 }
 
+// The checks of the resize and warp buffer-size queries. Kept on purpose: the output
+// pointer is tested first although it comes last; the source box is only validated.
+vlkStatus checkBufferQuery(const Cuboid* srcVoi, const Cuboid* dstVoi, int nChannel,
+                           int interpolation, const int* pSize)
+{
+    if (!pSize || !srcVoi || !dstVoi) return vlkStatusNullPtr;
+    if (!validCuboid(*srcVoi) || !validCuboid(*dstVoi)) return vlkStatusSize;
+    if (nChannel != 1) return vlkStatusNumChannels;
+    if (!knownInterpolation(interpolation)) return vlkStatusInterpolation;
+    return vlkStatusOk;
+}
+
 // Small sources cannot feed four taps, or two: cubic falls back to trilinear when the
 // smallest side is below 4 voxels, everything to nearest below 2.
 int fallBackForSmallSource(int interpolation, int smallestSide)
@@ -168,12 +180,8 @@ vlkStatus getResizeCuboid(const Cuboid* srcVoi, Cuboid* dstVoi, double xFactor, 
 vlkStatus resizeGetBufSize(const Cuboid* srcVoi, const Cuboid* dstVoi, int nChannel,
                            int interpolation, int* pSize) noexcept
 {
-    // Kept on purpose: the output pointer is tested first although it comes last.
-    if (!pSize || !srcVoi || !dstVoi) return vlkStatusNullPtr;
-    // The source box is only validated; the size depends on the destination box alone.
-    if (!validCuboid(*srcVoi) || !validCuboid(*dstVoi)) return vlkStatusSize;
-    if (nChannel != 1) return vlkStatusNumChannels;
-    if (!knownInterpolation(interpolation)) return vlkStatusInterpolation;
+    if (const vlkStatus s = checkBufferQuery(srcVoi, dstVoi, nChannel, interpolation, pSize))
+        return s;
     const ResizeBufferPlan plan =
         resizeBufferPlan(std::uint32_t(dstVoi->width), std::uint32_t(dstVoi->height),
                          std::uint32_t(dstVoi->depth), std::uint32_t(nChannel), interpolation);
@@ -213,11 +221,8 @@ vlkStatus resizePlanes(const T* const src[], const VolumeSize* srcVolume, int sr
 vlkStatus warpAffineGetBufSize(const Cuboid* srcVoi, const Cuboid* dstVoi, int nChannel,
                                int interpolation, int* pSize) noexcept
 {
-    // Kept on purpose: the output pointer is tested first although it comes last.
-    if (!pSize || !srcVoi || !dstVoi) return vlkStatusNullPtr;
-    if (!validCuboid(*srcVoi) || !validCuboid(*dstVoi)) return vlkStatusSize;
-    if (nChannel != 1) return vlkStatusNumChannels;
-    if (!knownInterpolation(interpolation)) return vlkStatusInterpolation;
+    if (const vlkStatus s = checkBufferQuery(srcVoi, dstVoi, nChannel, interpolation, pSize))
+        return s;
     *pSize = 0;  // the warp takes no work buffer
     return vlkStatusOk;
 }
