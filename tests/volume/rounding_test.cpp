@@ -45,6 +45,8 @@ TEST(VoxelRounding, FloatRouteMatchesDoubleDefinitionAtEveryEdge)
     }
 }
 
+// Both routes to a voxel, the four-lane store of resize and the one-value rounding of warp
+// and remap, saturate exactly at the type's ends.
 TEST(VoxelRounding, SaturatesAndTreatsSpecialValues)
 {
     const float cases[][3] = {
@@ -55,7 +57,10 @@ TEST(VoxelRounding, SaturatesAndTreatsSpecialValues)
     for (const auto& c : cases) {
         EXPECT_EQ(storedByLanes<std::uint8_t>(c[0]), int(c[1])) << c[0];
         EXPECT_EQ(storedByLanes<std::uint16_t>(c[0]), int(c[2])) << c[0];
+        EXPECT_EQ(int(vlkr::volume::roundToVoxel<std::uint8_t>(c[0])), int(c[1])) << c[0];
+        EXPECT_EQ(int(vlkr::volume::roundToVoxel<std::uint16_t>(c[0])), int(c[2])) << c[0];
     }
+    EXPECT_EQ(int(vlkr::volume::roundToVoxel<std::uint16_t>(NAN)), 0);
 }
 
 }  // namespace
