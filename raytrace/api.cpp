@@ -125,7 +125,7 @@ vlkStatus castEye(const float corner[3], const float columnStep[3], const float 
                   PacketSize packetSize) noexcept
 {
     if (!dir) return vlkStatusNullPtr;  // corner and the steps are unchecked
-    if (packetSize.height <= 0) return vlkStatusOk;
+    if (packetSize.height <= 0 || packetSize.width <= 0) return vlkStatusOk;
     makeEyeRays(corner, columnStep, rowStep, blockColumn, blockRow, blockSize, dir,
                 packetSize);
     return vlkStatusOk;

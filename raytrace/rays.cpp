@@ -1,19 +1,25 @@
 // Ray generation and hit points: eye rays of a pixel block, mirror reflections, shadow rays
-// with the same-side test, and hit points pulled back along the ray.
+// with the same-side test, and hit points pulled back along the ray. Each body is written once
+// over a lane type and runs four rays at a time, then one at a time for the tail.
 #include "rays.h"
 
 #include <cstdint>
 
-#include "ray_loops.h"
+#include "frame/lanes.h"
 
 namespace vlkr::raytrace {
 namespace {
 
-// Below this the light lies in the surface plane as far as the shadow test is concerned.
+using namespace vlkr::lanes;
+
+// A light closer to the surface plane than this counts as lying in it. The test compares the
+// unnormalised dot product of the normal with the point-to-light vector, so with a unit
+// normal it is a distance from the plane, in scene units; the value is pi / 1800.
 constexpr float kInPlane = 0.0017453292f;
 
 }  // namespace
 
+// Expects packetSize.width > 0 and packetSize.height > 0.
 void makeEyeRays(const float corner[3], const float columnStep[3], const float rowStep[3],
                  int blockColumn, int blockRow, PacketSize blockSize, float* const dir[3],
                  PacketSize packetSize) noexcept
@@ -24,53 +30,35 @@ void makeEyeRays(const float corner[3], const float columnStep[3], const float r
     const float yOffset =
         float(std::int32_t(std::uint32_t(blockRow) * std::uint32_t(blockSize.height)));
     const int width = packetSize.width;
-    if (width <= 0) return;
     for (int j = 0; j < packetSize.height; ++j) {
         const float y = float(j) + yOffset;
-        const std::size_t base = std::size_t(j) * std::size_t(width);
+        const std::size_t rowBase = std::size_t(j) * std::size_t(width);
         for (int c = 0; c < 3; ++c) {
-            float* out = dir[c] + base;
             const float rowStart = rowStep[c] * y + corner[c];
-            const __m128 start = _mm_set1_ps(rowStart), step = _mm_set1_ps(columnStep[c]);
-            auto one = [&](int i) { out[i] = rowStart + columnStep[c] * (float(i) + xOffset); };
-            auto columns = [&](int i) {
-                const __m128i index = _mm_add_epi32(_mm_set1_epi32(i), _mm_setr_epi32(0, 1, 2, 3));
-                return _mm_add_ps(start, _mm_mul_ps(step, _mm_add_ps(_mm_cvtepi32_ps(index),
-                                                                       _mm_set1_ps(xOffset))));
-            };
-            forEachRay(width, one, [&](int i) { _mm_storeu_ps(out + i, columns(i)); });
+            forEachLane(width, [&](auto lane, int i) {
+                using V = decltype(lane);
+                const V column = V::indices(i) + V(xOffset);
+                (V(rowStart) + V(columnStep[c]) * column).store(dir[c] + rowBase + i);
+            });
         }
     }
 }
 
-void reflectRays(const float* const incident[3], const int* mask,
-                    const float* const normal[3], float* const reflected[3], int len) noexcept
+void reflectRays(const float* const incident[3], const int* mask, const float* const normal[3],
+                 float* const reflected[3], int len) noexcept
 {
-    auto one = [&](int i) {
-        if (mask[i] < 0) {
-            for (int c = 0; c < 3; ++c) reflected[c][i] = 0.0f;
-            return;
-        }
-        const float* d[3] = {incident[0] + i, incident[1] + i, incident[2] + i};
-        const float* n[3] = {normal[0] + i, normal[1] + i, normal[2] + i};
-        const float t = (*d[1] * *n[1] + *d[2] * *n[2]) + *n[0] * *d[0];
-        const float t2 = t + t;
-        for (int c = 0; c < 3; ++c) reflected[c][i] = *d[c] - *n[c] * t2;
-    };
-    auto four = [&](int i) {
-        const __m128 take = loadMaskTakes(mask + i);
-        __m128 d[3], n[3];
+    forEachLane(len, [&](auto lane, int i) {
+        using V = decltype(lane);
+        const auto take = takes(mask + i, lane);
+        V d[3], n[3];
         for (int c = 0; c < 3; ++c) {
-            d[c] = _mm_loadu_ps(incident[c] + i);
-            n[c] = _mm_loadu_ps(normal[c] + i);
+            d[c] = V::load(incident[c] + i);
+            n[c] = V::load(normal[c] + i);
         }
-        const __m128 t = _mm_add_ps(_mm_add_ps(_mm_mul_ps(d[1], n[1]), _mm_mul_ps(d[2], n[2])),
-                                    _mm_mul_ps(n[0], d[0]));
-        const __m128 t2 = _mm_add_ps(t, t);
-        for (int c = 0; c < 3; ++c)
-            _mm_storeu_ps(reflected[c] + i, _mm_and_ps(take, _mm_sub_ps(d[c], _mm_mul_ps(n[c], t2))));
-    };
-    forEachRay(len, one, four);
+        const V t = (d[1] * n[1] + d[2] * n[2]) + n[0] * d[0];
+        const V twice = t + t;
+        for (int c = 0; c < 3; ++c) zeroUnless(take, d[c] - n[c] * twice).store(reflected[c] + i);
+    });
 }
 
 // Lit rays get the light-to-point vector and the cosine numerator |n . v|; the others a
@@ -80,63 +68,36 @@ void makeShadowRays(const float light[3], const float* factor, const float* cons
                     const float* const hitPoint[3], int* mask, float* cosine,
                     float* const shadowDir[3], int len) noexcept
 {
-    auto one = [&](int i) {
-        cosine[i] = 0.0f;
-        for (int c = 0; c < 3; ++c) shadowDir[c][i] = 0.0f;
-        if (mask[i] < 0) return;
-        float v[3];
-        for (int c = 0; c < 3; ++c) v[c] = hitPoint[c][i] - light[c];
-        float t = (v[1] * normal[1][i] + v[2] * normal[2][i]) + v[0] * normal[0][i];
-        if ((t < 0.0f ? -t : t) < kInPlane) t = 0.0f;
-        if (factor[i] * t > 0.0f) {
-            cosine[i] = t < 0.0f ? -t : t;
-            for (int c = 0; c < 3; ++c) shadowDir[c][i] = v[c];
-        } else {
-            mask[i] = -1;
-        }
-    };
-    const __m128 lightV[3] = {_mm_set1_ps(light[0]), _mm_set1_ps(light[1]), _mm_set1_ps(light[2])};
-    auto four = [&](int i) {
-        const __m128i m = _mm_loadu_si128(reinterpret_cast<const __m128i*>(mask + i));
-        const __m128 take = _mm_castsi128_ps(_mm_cmpgt_epi32(m, _mm_set1_epi32(-1)));
-        __m128 v[3], n[3];
+    forEachLane(len, [&](auto lane, int i) {
+        using V = decltype(lane);
+        const auto take = takes(mask + i, lane);
+        V v[3], n[3];
         for (int c = 0; c < 3; ++c) {
-            v[c] = _mm_sub_ps(_mm_loadu_ps(hitPoint[c] + i), lightV[c]);
-            n[c] = _mm_loadu_ps(normal[c] + i);
+            v[c] = V::load(hitPoint[c] + i) - V(light[c]);
+            n[c] = V::load(normal[c] + i);
         }
-        __m128 t = _mm_add_ps(_mm_add_ps(_mm_mul_ps(v[1], n[1]), _mm_mul_ps(v[2], n[2])),
-                              _mm_mul_ps(v[0], n[0]));
-        t = _mm_andnot_ps(_mm_cmplt_ps(absPs(t), _mm_set1_ps(kInPlane)), t);
-        const __m128 lit = _mm_and_ps(
-            take, _mm_cmpgt_ps(_mm_mul_ps(_mm_loadu_ps(factor + i), t), _mm_setzero_ps()));
-        _mm_storeu_ps(cosine + i, _mm_and_ps(lit, absPs(t)));
-        for (int c = 0; c < 3; ++c) _mm_storeu_ps(shadowDir[c] + i, _mm_and_ps(lit, v[c]));
-        const __m128i unlit = _mm_castps_si128(_mm_andnot_ps(lit, take));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(mask + i), _mm_or_si128(m, unlit));
-    };
-    forEachRay(len, one, four);
+        V t = (v[1] * n[1] + v[2] * n[2]) + v[0] * n[0];
+        t = select(abs(t) < V(kInPlane), V(0.0f), t);
+        const auto lit = take & (V::load(factor + i) * t > V(0.0f));
+        zeroUnless(lit, abs(t)).store(cosine + i);
+        for (int c = 0; c < 3; ++c) zeroUnless(lit, v[c]).store(shadowDir[c] + i);
+        passOver(mask + i, andNot(lit, take));
+    });
 }
 
-void makeHitPoints(const float* shared, const float* const perRay[3], const float* const dir[3],
-               const float* dist, const int* mask, float* const hitPoint[3], int len,
-               float eps) noexcept
+void makeHitPoints(const float* sharedOrigin, const float* const origin[3],
+                   const float* const dir[3], const float* dist, const int* mask,
+                   float* const hitPoint[3], int len, float eps) noexcept
 {
-    auto origin = [&](int c, int i) { return shared ? shared[c] : perRay[c][i]; };
-    auto one = [&](int i) {
-        for (int c = 0; c < 3; ++c)
-            hitPoint[c][i] = mask[i] < 0 ? 0.0f : origin(c, i) + (dir[c][i] * eps) * dist[i];
-    };
-    const __m128 e = _mm_set1_ps(eps);
-    auto four = [&](int i) {
-        const __m128 take = loadMaskTakes(mask + i);
-        const __m128 t = _mm_loadu_ps(dist + i);
+    forEachLane(len, [&](auto lane, int i) {
+        using V = decltype(lane);
+        const auto take = takes(mask + i, lane);
+        const V t = V::load(dist + i);
         for (int c = 0; c < 3; ++c) {
-            const __m128 o = shared ? _mm_set1_ps(shared[c]) : _mm_loadu_ps(perRay[c] + i);
-            const __m128 p = _mm_add_ps(o, _mm_mul_ps(_mm_mul_ps(_mm_loadu_ps(dir[c] + i), e), t));
-            _mm_storeu_ps(hitPoint[c] + i, _mm_and_ps(take, p));
+            const V o = sharedOrigin ? V(sharedOrigin[c]) : V::load(origin[c] + i);
+            zeroUnless(take, o + (V::load(dir[c] + i) * V(eps)) * t).store(hitPoint[c] + i);
         }
-    };
-    forEachRay(len, one, four);
+    });
 }
 
 }  // namespace vlkr::raytrace
