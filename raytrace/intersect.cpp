@@ -4,82 +4,12 @@
 #include <cstdint>
 #include <cstring>
 
+#include "hit_policies.h"
 #include "kdtree_walk.h"
 #include "packet_walk.h"
 
 namespace vlkr::raytrace {
 namespace {
-
-// ------------------------------------------------------------------------ leaf policies
-
-// Nearest hit: keeps the closest triangle, the first tested on equal distances.
-struct NearestHit {
-    float best;
-    float p = 0.0f, q = 0.0f;
-    int triangle = -1;
-    bool onHit(int n, float t, float pp, float qq) noexcept
-    {
-        best = t;
-        p = pp;
-        q = qq;
-        triangle = n;
-        return false;
-    }
-    static bool skip(int) noexcept { return false; }
-};
-
-// Layered hits: as NearestHit, but passes over the previous layer's triangle and those in the
-// ring of recent ones that this layer consults.
-struct LayerHit : NearestHit {
-    const int* ring;
-    int ringSlots;
-    int previous;
-    bool skip(int n) const noexcept
-    {
-        if (n == previous) return true;
-        for (int s = 0; s < ringSlots; ++s)
-            if (ring[s] == n) return true;
-        return false;
-    }
-};
-
-// Occlusion: any hit ends the ray.
-struct AnyHit {
-    float best = 1.0f;
-    int triangle = -1;
-    bool onHit(int n, float, float, float) noexcept
-    {
-        triangle = n;
-        return true;
-    }
-    static bool skip(int) noexcept { return false; }
-};
-
-// The packet forms of the two policies, lane for lane the same decisions.
-struct NearestHit4 {
-    __m128 best;
-    __m128 p = _mm_setzero_ps(), q = _mm_setzero_ps();
-    __m128 triangle = _mm_castsi128_ps(_mm_set1_epi32(-1));
-    int onHit(int n, __m128 hit, int, __m128 t, __m128 pp, __m128 qq) noexcept
-    {
-        best = select4(hit, t, best);
-        p = select4(hit, pp, p);
-        q = select4(hit, qq, q);
-        triangle = select4(hit, _mm_castsi128_ps(_mm_set1_epi32(n)), triangle);
-        return 0;
-    }
-};
-
-struct AnyHit4 {
-    __m128 best = _mm_set1_ps(1.0f);
-    int triangle[4] = {-1, -1, -1, -1};
-    int onHit(int n, __m128, int lanes, __m128, __m128, __m128) noexcept
-    {
-        for (int l = 0; l < 4; ++l)
-            if (lanes >> l & 1) triangle[l] = n;
-        return lanes;  // an occluded ray is finished
-    }
-};
 
 void loadRay(const float* const dir[3], std::size_t i, float d[3]) noexcept
 {
@@ -87,34 +17,6 @@ void loadRay(const float* const dir[3], std::size_t i, float d[3]) noexcept
 }
 
 int signPattern(const Ray& r) { return r.sign[0] | r.sign[1] << 1 | r.sign[2] << 2; }
-
-// Gathers the rays of `lanes` (all with the sign pattern of `rays[first]`) into a packet; idle
-// lanes repeat the first ray so that they compute harmless numbers.
-Packet4 gatherPacket(const Ray rays[4], int lanes, int first)
-{
-    alignas(16) float v[5][3][4];
-    alignas(16) float seg[2][4];
-    for (int l = 0; l < 4; ++l) {
-        const Ray& r = rays[(lanes >> l & 1) ? l : first];
-        for (int k = 0; k < 3; ++k) {
-            v[0][k][l] = r.o[k];
-            v[1][k][l] = r.d[k];
-            v[2][k][l] = r.inv[k];
-        }
-        seg[0][l] = r.tnear;
-        seg[1][l] = r.tfar;
-    }
-    Packet4 p;
-    for (int k = 0; k < 3; ++k) {
-        p.o[k] = _mm_load_ps(v[0][k]);
-        p.d[k] = _mm_load_ps(v[1][k]);
-        p.inv[k] = _mm_load_ps(v[2][k]);
-        p.sign[k] = rays[first].sign[k];
-    }
-    p.tnear = _mm_load_ps(seg[0]);
-    p.tfar = _mm_load_ps(seg[1]);
-    return p;
-}
 
 // Splits the rays of `ready` into the largest group sharing one sign pattern, returned as a
 // lane mask with its first lane; the rest go through the single-ray walk.
@@ -194,10 +96,10 @@ void intersectNearest(Origins origin, const float* const dir[3], float* dist,
         walkPacket(ctx.pRootNode, ctx.pAccel, kNodeEpsilon, p, lanes, h);
         alignas(16) float t[4], u[4], v[4];
         alignas(16) int tri[4];
-        _mm_store_ps(t, h.best);
-        _mm_store_ps(u, h.p);
-        _mm_store_ps(v, h.q);
-        _mm_store_si128(reinterpret_cast<__m128i*>(tri), _mm_castps_si128(h.triangle));
+        h.best.store(t);
+        h.p.store(u);
+        h.q.store(v);
+        h.triangle.store(tri);
         for (int l = 0; l < 4; ++l) {
             if (!(lanes >> l & 1) || tri[l] < 0) continue;
             dist[i + l] = t[l];

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "frame/lanes.h"
 #include "vlkr.h"
 
 namespace vlkr::raytrace {
@@ -123,34 +124,35 @@ inline int leafTriangles(const KDTreeNode* node, int local[3], const int** list)
 }
 
 /*
- * Projected ray/triangle test. The record stores the plane as w = C[w] - nu (u - C[u]) -
- * nv (v - C[v]) and the edge functions scaled by 1 / N[w], so the hit needs one division.
- * P and Q are the barycentric weights of corners A and B times D; a point on an edge
- * counts. Every operation runs in this order so that all paths agree to the bit.
+ * Projected ray/triangle test, written once for one ray or four. The record stores the plane
+ * as w = C[w] - nu (u - C[u]) - nv (v - C[v]) and the edge functions scaled by 1 / N[w], so
+ * the hit needs one division. P and Q are the barycentric weights of corners A and B times D;
+ * a point on an edge counts. Returns the lanes (of `lanes`) that hit closer than `best`, with
+ * their t, P / D and Q / D. The record must have a nonzero axis word.
  */
-struct TriangleHit {
-    float t, p, q;
-};
-
-inline bool hitTriangle(const TriangleAccel& a, const float o[3], const float d[3], float best,
-                        TriangleHit& out) noexcept
+template <class V>
+inline typename V::Mask hitTriangle(const TriangleAccel& a, const V o[3], const V d[3], V best,
+                                    typename V::Mask lanes, V& t, V& p, V& q) noexcept
 {
     const std::uint32_t axes = a.axes;
-    if (axes == 0) return false;
     const int u = (axes >> 2) & 3, v = axes & 3, w = (axes >> 4) & 3;
-    const float D = (a.nu * d[u] + a.nv * d[v]) + d[w];
-    const float eu = a.cu - o[u], ev = a.cv - o[v];
-    const float nt = ((a.cw + a.nu * eu) + a.nv * ev) - o[w];
-    const float x1 = d[u] * nt - eu * D;
-    const float x2 = d[v] * nt - ev * D;
-    const float P = a.e2v * x1 - a.e2u * x2;
-    const float Q = a.e1u * x2 - a.e1v * x1;
-    const float R = (D - P) - Q;
-    if (!(R * P >= 0.0f && P * Q >= 0.0f && R * Q >= 0.0f)) return false;
-    const float t = nt / D;
-    if (!(best > t && t > 0.0f)) return false;
-    out = {t, P / D, Q / D};
-    return true;
+    const V nu(a.nu), nv(a.nv), zero(0.0f);
+    const V D = (nu * d[u] + nv * d[v]) + d[w];
+    const V eu = V(a.cu) - o[u], ev = V(a.cv) - o[v];
+    const V nt = ((V(a.cw) + nu * eu) + nv * ev) - o[w];
+    const V x1 = d[u] * nt - eu * D;
+    const V x2 = d[v] * nt - ev * D;
+    const V P = V(a.e2v) * x1 - V(a.e2u) * x2;
+    const V Q = V(a.e1u) * x2 - V(a.e1v) * x1;
+    const V R = (D - P) - Q;
+    const auto inside = lanes & (R * P >= zero) & (P * Q >= zero) & (R * Q >= zero);
+    if (!lanes::any(inside)) return inside;
+    t = nt / D;
+    const auto hit = inside & (best > t) & (t > zero);
+    if (!lanes::any(hit)) return hit;
+    p = P / D;
+    q = Q / D;
+    return hit;
 }
 
 /*
@@ -171,6 +173,7 @@ void walkTree(const KDTreeNode* root, const TriangleAccel* accel, float epsilon,
     int depth = 0;
     const KDTreeNode* node = root;
     float tnear = r.tnear, tfar = r.tfar;
+    const lanes::Float1 o[3] = {r.o[0], r.o[1], r.o[2]}, d[3] = {r.d[0], r.d[1], r.d[2]};
     for (;;) {
         while (node->link >= 0) {
             const int axis = node->link & 3;
@@ -193,9 +196,10 @@ void walkTree(const KDTreeNode* root, const TriangleAccel* accel, float epsilon,
         const int count = leafTriangles(node, local, &list);
         for (int k = 0; k < count; ++k) {
             const int n = list[k];
-            if (hits.skip(n)) continue;
-            TriangleHit h;
-            if (hitTriangle(accel[n], r.o, r.d, hits.best, h) && hits.onHit(n, h.t, h.p, h.q))
+            if (accel[n].axes == 0 || hits.skip(n)) continue;
+            lanes::Float1 t, p, q;
+            if (hitTriangle(accel[n], o, d, lanes::Float1(hits.best), {true}, t, p, q).on &&
+                hits.onHit(n, t.v, p.v, q.v))
                 return;
         }
         if (depth == 0 || tfar >= hits.best) return;

@@ -4,23 +4,47 @@
 
 #include <emmintrin.h>
 
+#include "frame/lanes.h"
 #include "kdtree_walk.h"
 
 namespace vlkr::raytrace {
 
 // Four rays whose sign flags agree on every axis, so that they share the near/far order.
 struct Packet4 {
-    __m128 o[3];
-    __m128 d[3];
+    lanes::Float4 o[3];
+    lanes::Float4 d[3];
     __m128 inv[3];
     int sign[3];
     __m128 tnear;
     __m128 tfar;
 };
 
-inline __m128 select4(__m128 mask, __m128 a, __m128 b)
+// Gathers the rays of `lanes` (all with the sign pattern of `rays[first]`) into a packet; idle
+// lanes repeat the first ray so that they compute harmless numbers.
+inline Packet4 gatherPacket(const Ray rays[4], int lanes, int first)
 {
-    return _mm_or_ps(_mm_and_ps(mask, a), _mm_andnot_ps(mask, b));
+    alignas(16) float v[5][3][4];
+    alignas(16) float seg[2][4];
+    for (int l = 0; l < 4; ++l) {
+        const Ray& r = rays[(lanes >> l & 1) ? l : first];
+        for (int k = 0; k < 3; ++k) {
+            v[0][k][l] = r.o[k];
+            v[1][k][l] = r.d[k];
+            v[2][k][l] = r.inv[k];
+        }
+        seg[0][l] = r.tnear;
+        seg[1][l] = r.tfar;
+    }
+    Packet4 p;
+    for (int k = 0; k < 3; ++k) {
+        p.o[k] = _mm_load_ps(v[0][k]);
+        p.d[k] = _mm_load_ps(v[1][k]);
+        p.inv[k] = _mm_load_ps(v[2][k]);
+        p.sign[k] = rays[first].sign[k];
+    }
+    p.tnear = _mm_load_ps(seg[0]);
+    p.tfar = _mm_load_ps(seg[1]);
+    return p;
 }
 
 inline __m128 laneMask4(int bits)
@@ -31,37 +55,6 @@ inline __m128 laneMask4(int bits)
         {0, 0, 0, ~0u},        {~0u, 0, 0, ~0u},      {0, ~0u, 0, ~0u},      {~0u, ~0u, 0, ~0u},
         {0, 0, ~0u, ~0u},      {~0u, 0, ~0u, ~0u},    {0, ~0u, ~0u, ~0u},    {~0u, ~0u, ~0u, ~0u}};
     return _mm_load_ps(reinterpret_cast<const float*>(kMasks[bits]));
-}
-
-// The ray/triangle test of hitTriangle on four lanes, operation for operation. Returns the
-// lanes (of `lanes`) that hit closer than `best`, with their t, P / D and Q / D.
-inline __m128 hitTriangle4(const TriangleAccel& a, const Packet4& r, __m128 best, __m128 lanes,
-                           __m128& t, __m128& p, __m128& q) noexcept
-{
-    const std::uint32_t axes = a.axes;
-    const int u = (axes >> 2) & 3, v = axes & 3, w = (axes >> 4) & 3;
-    const __m128 nu = _mm_set1_ps(a.nu), nv = _mm_set1_ps(a.nv);
-    const __m128 D = _mm_add_ps(_mm_add_ps(_mm_mul_ps(nu, r.d[u]), _mm_mul_ps(nv, r.d[v])), r.d[w]);
-    const __m128 eu = _mm_sub_ps(_mm_set1_ps(a.cu), r.o[u]);
-    const __m128 ev = _mm_sub_ps(_mm_set1_ps(a.cv), r.o[v]);
-    const __m128 nt = _mm_sub_ps(
-        _mm_add_ps(_mm_add_ps(_mm_set1_ps(a.cw), _mm_mul_ps(nu, eu)), _mm_mul_ps(nv, ev)), r.o[w]);
-    const __m128 x1 = _mm_sub_ps(_mm_mul_ps(r.d[u], nt), _mm_mul_ps(eu, D));
-    const __m128 x2 = _mm_sub_ps(_mm_mul_ps(r.d[v], nt), _mm_mul_ps(ev, D));
-    const __m128 P = _mm_sub_ps(_mm_mul_ps(_mm_set1_ps(a.e2v), x1), _mm_mul_ps(_mm_set1_ps(a.e2u), x2));
-    const __m128 Q = _mm_sub_ps(_mm_mul_ps(_mm_set1_ps(a.e1u), x2), _mm_mul_ps(_mm_set1_ps(a.e1v), x1));
-    const __m128 R = _mm_sub_ps(_mm_sub_ps(D, P), Q);
-    const __m128 zero = _mm_setzero_ps();
-    __m128 inside = _mm_and_ps(_mm_cmpge_ps(_mm_mul_ps(R, P), zero),
-                               _mm_cmpge_ps(_mm_mul_ps(P, Q), zero));
-    inside = _mm_and_ps(_mm_and_ps(inside, _mm_cmpge_ps(_mm_mul_ps(R, Q), zero)), lanes);
-    if (_mm_movemask_ps(inside) == 0) return inside;
-    t = _mm_div_ps(nt, D);
-    const __m128 hit = _mm_and_ps(inside, _mm_and_ps(_mm_cmpgt_ps(best, t), _mm_cmpgt_ps(t, zero)));
-    if (_mm_movemask_ps(hit) == 0) return hit;
-    p = _mm_div_ps(P, D);
-    q = _mm_div_ps(Q, D);
-    return hit;
 }
 
 /*
@@ -90,7 +83,7 @@ void walkPacket(const KDTreeNode* root, const TriangleAccel* accel, float epsilo
         while (node->link >= 0) {
             const int axis = node->link & 3;
             const __m128 t =
-                _mm_mul_ps(_mm_sub_ps(_mm_set1_ps(splitOf(node)), r.o[axis]), r.inv[axis]);
+                _mm_mul_ps(_mm_sub_ps(_mm_set1_ps(splitOf(node)), r.o[axis].v), r.inv[axis]);
             const KDTreeNode* pair = childPair(node);
             const KDTreeNode* nearChild = pair + r.sign[axis];
             const KDTreeNode* farChild = pair + (1 - r.sign[axis]);
@@ -105,7 +98,7 @@ void walkPacket(const KDTreeNode* root, const TriangleAccel* accel, float epsilo
             if (pushed | farOnly) {
                 stack[depth++] = {farChild, tfar, pushed, farOnly};
                 const __m128 clipped = _mm_max_ps(tnear, _mm_min_ps(t, tfar));
-                tfar = select4(laneMask4(pushed), clipped, tfar);
+                tfar = lanes::select({laneMask4(pushed)}, clipped, tfar).v;
             }
             active = toNear;
             node = nearChild;
@@ -116,24 +109,25 @@ void walkPacket(const KDTreeNode* root, const TriangleAccel* accel, float epsilo
         for (int k = 0; k < count && active; ++k) {
             const int n = list[k];
             if (accel[n].axes == 0) continue;
-            __m128 t, p, q;
-            const __m128 hit = hitTriangle4(accel[n], r, hits.best, laneMask4(active), t, p, q);
-            const int hitLanes = _mm_movemask_ps(hit);
+            lanes::Float4 t, p, q;
+            const lanes::Mask4 hit =
+                hitTriangle(accel[n], r.o, r.d, hits.best, {laneMask4(active)}, t, p, q);
+            const int hitLanes = lanes::bits(hit);
             if (hitLanes == 0) continue;
             const int finished = hits.onHit(n, hit, hitLanes, t, p, q);
             alive &= ~finished;
             active &= ~finished;
         }
         // Rays whose segment lies wholly beyond their best hit are done.
-        alive &= ~(active & _mm_movemask_ps(_mm_cmpge_ps(tfar, hits.best)));
+        alive &= ~(active & _mm_movemask_ps(_mm_cmpge_ps(tfar, hits.best.v)));
         for (;;) {
             if (depth == 0) return;
             const Entry& e = stack[--depth];
             const int pushed = e.pushed & alive, farOnly = e.farOnly & alive;
             if ((pushed | farOnly) == 0) continue;
-            const __m128 m = laneMask4(pushed);
-            tnear = select4(m, tfar, tnear);
-            tfar = select4(m, e.tfar, tfar);
+            const lanes::Mask4 m{laneMask4(pushed)};
+            tnear = lanes::select(m, tfar, tnear).v;
+            tfar = lanes::select(m, e.tfar, tfar).v;
             active = pushed | farOnly;
             node = e.node;
             break;

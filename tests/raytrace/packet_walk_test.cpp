@@ -1,10 +1,12 @@
 // The four-lane walk against the single-ray walk it must reproduce, lane for lane and bit for
 // bit, on SAH trees with coherent and incoherent rays, for nearest and any hits.
+#include <algorithm>
 #include <cfloat>
 #include <random>
 
 #include <gtest/gtest.h>
 
+#include "raytrace/hit_policies.h"
 #include "raytrace/kdtree_walk.h"
 #include "raytrace/packet_walk.h"
 #include "test_mesh.h"
@@ -15,34 +17,6 @@ namespace {
 using namespace vlkr::raytrace;
 using vlkr::test::bitsOf;
 using vlkr::test::Scene;
-
-// Hit policies for one ray and for four lanes; with `any` a hit ends the ray's walk.
-struct One {
-    float best;
-    bool any;
-    float p = 0, q = 0;
-    int triangle = -1;
-    bool onHit(int n, float t, float pp, float qq)
-    {
-        best = t, p = pp, q = qq, triangle = n;
-        return any;
-    }
-    static bool skip(int) { return false; }
-};
-
-struct Four {
-    __m128 best;
-    bool any;
-    __m128 p = _mm_setzero_ps(), q = _mm_setzero_ps();
-    int triangle[4] = {-1, -1, -1, -1};
-    int onHit(int n, __m128 hit, int lanes, __m128 t, __m128 pp, __m128 qq)
-    {
-        best = select4(hit, t, best), p = select4(hit, pp, p), q = select4(hit, qq, q);
-        for (int l = 0; l < 4; ++l)
-            if (lanes >> l & 1) triangle[l] = n;
-        return any ? lanes : 0;
-    }
-};
 
 // Walks 2000 packets (1000 for occlusion) of four rays from `eye` towards nearby points of the
 // box (coherent in every other packet) both ways and compares every lane. Some rays are cut
@@ -77,25 +51,32 @@ void compareWalks(const Scene& s, const float eye[3], bool any, std::mt19937& rn
         if (any) lanes = int(rng() % 15) + 1;
         if (!sameSigns || lanes == 0) continue;
         ++packets;
-        Packet4 p;
-        for (int k = 0; k < 3; ++k) {
-            p.o[k] = _mm_setr_ps(r[0].o[k], r[1].o[k], r[2].o[k], r[3].o[k]);
-            p.d[k] = _mm_setr_ps(r[0].d[k], r[1].d[k], r[2].d[k], r[3].d[k]);
-            p.inv[k] = _mm_setr_ps(r[0].inv[k], r[1].inv[k], r[2].inv[k], r[3].inv[k]);
-            p.sign[k] = r[0].sign[k];
-        }
-        p.tnear = _mm_setr_ps(r[0].tnear, r[1].tnear, r[2].tnear, r[3].tnear);
-        p.tfar = _mm_setr_ps(r[0].tfar, r[1].tfar, r[2].tfar, r[3].tfar);
-        const __m128 best = _mm_setr_ps(maxDist[0], maxDist[1], maxDist[2], maxDist[3]);
-        Four h4{any ? _mm_set1_ps(1.0f) : best, any};
-        walkPacket(s.tree, s.accel.data(), kNodeEpsilon, p, lanes, h4);
+        int first = 0;
+        while (!(lanes >> first & 1)) ++first;
+        Packet4 p = gatherPacket(r, lanes, first);
+        int triangle4[4];
         float t4[4], p4[4], q4[4];
-        _mm_storeu_ps(t4, h4.best), _mm_storeu_ps(p4, h4.p), _mm_storeu_ps(q4, h4.q);
+        if (any) {
+            AnyHit4 h4;
+            walkPacket(s.tree, s.accel.data(), kNodeEpsilon, p, lanes, h4);
+            std::copy(h4.triangle, h4.triangle + 4, triangle4);
+        } else {
+            NearestHit4 h4{_mm_setr_ps(maxDist[0], maxDist[1], maxDist[2], maxDist[3])};
+            walkPacket(s.tree, s.accel.data(), kNodeEpsilon, p, lanes, h4);
+            h4.triangle.store(triangle4), h4.best.store(t4), h4.p.store(p4), h4.q.store(q4);
+        }
         for (int l = 0; l < 4; ++l) {
             if (!(lanes >> l & 1)) continue;
-            One h1{any ? 1.0f : maxDist[l], any};
+            if (any) {
+                AnyHit h1;
+                walkTree(s.tree, s.accel.data(), kNodeEpsilon, r[l], h1);
+                ASSERT_EQ(triangle4[l], h1.triangle) << "packet " << n << " lane " << l;
+                lanesHit += h1.triangle >= 0;
+                continue;
+            }
+            NearestHit h1{maxDist[l]};
             walkTree(s.tree, s.accel.data(), kNodeEpsilon, r[l], h1);
-            ASSERT_EQ(h4.triangle[l], h1.triangle) << "packet " << n << " lane " << l;
+            ASSERT_EQ(triangle4[l], h1.triangle) << "packet " << n << " lane " << l;
             if (h1.triangle < 0) continue;
             ++lanesHit;
             ASSERT_EQ(bitsOf(t4[l]), bitsOf(h1.best));

@@ -1,0 +1,82 @@
+// What a walk does at a triangle: the leaf policies of the nearest-hit, layered and occlusion
+// queries, for one ray and for four lanes.
+#pragma once
+
+#include <emmintrin.h>
+
+#include "frame/lanes.h"
+
+namespace vlkr::raytrace {
+
+// Nearest hit: keeps the closest triangle, the first tested on equal distances.
+struct NearestHit {
+    float best;
+    float p = 0.0f, q = 0.0f;
+    int triangle = -1;
+    bool onHit(int n, float t, float pp, float qq) noexcept
+    {
+        best = t;
+        p = pp;
+        q = qq;
+        triangle = n;
+        return false;
+    }
+    static bool skip(int) noexcept { return false; }
+};
+
+// Layered hits: as NearestHit, but passes over the previous layer's triangle and those in the
+// ring of recent ones that this layer consults.
+struct LayerHit : NearestHit {
+    const int* ring;
+    int ringSlots;
+    int previous;
+    bool skip(int n) const noexcept
+    {
+        if (n == previous) return true;
+        for (int s = 0; s < ringSlots; ++s)
+            if (ring[s] == n) return true;
+        return false;
+    }
+};
+
+// Occlusion: any hit ends the ray.
+struct AnyHit {
+    float best = 1.0f;
+    int triangle = -1;
+    bool onHit(int n, float, float, float) noexcept
+    {
+        triangle = n;
+        return true;
+    }
+    static bool skip(int) noexcept { return false; }
+};
+
+// The packet forms of the two policies, lane for lane the same decisions.
+struct NearestHit4 {
+    lanes::Float4 best;
+    lanes::Float4 p = 0.0f, q = 0.0f;
+    lanes::Float4 triangle = _mm_castsi128_ps(_mm_set1_epi32(-1));  // int lanes, as float bits
+    int onHit(int n, lanes::Mask4 hit, int, lanes::Float4 t, lanes::Float4 pp,
+              lanes::Float4 qq) noexcept
+    {
+        best = select(hit, t, best);
+        p = select(hit, pp, p);
+        q = select(hit, qq, q);
+        triangle = select(hit, _mm_castsi128_ps(_mm_set1_epi32(n)), triangle);
+        return 0;
+    }
+};
+
+struct AnyHit4 {
+    lanes::Float4 best = 1.0f;
+    int triangle[4] = {-1, -1, -1, -1};
+    int onHit(int n, lanes::Mask4, int hitLanes, lanes::Float4, lanes::Float4,
+              lanes::Float4) noexcept
+    {
+        for (int l = 0; l < 4; ++l)
+            if (hitLanes >> l & 1) triangle[l] = n;
+        return hitLanes;  // an occluded ray is finished
+    }
+};
+
+}  // namespace vlkr::raytrace
