@@ -10,6 +10,8 @@
 
 #include <xmmintrin.h>
 
+#include "frame/lanes.h"
+
 namespace vlkr::sh {
 
 #include "direct_bands.inc"
@@ -73,72 +75,47 @@ void fillTables(float* a, float* b, int maxL)
     }
 }
 
-// Bands 0..L of one direction by the recurrence, in single precision with the operand order
-// of the definition; each band is built from the two before it in `out` itself.
-void recurrence(float x, float y, float z, float* out, int L, const float* coefA,
-                const float* coefB)
+// Bands 0..L by the recurrence, for one direction or four in lanes, in single precision with
+// the operand order of the definition; each band is built from the two before it.
+template <class V>
+void recurrence(V x, V y, V z, V* out, int L, const float* coefA, const float* coefB)
 {
-    out[0] = coefA[0];
+    out[0] = V(coefA[0]);
     if (L == 0) return;
-    out[1] = coefA[2] * y;
-    out[2] = coefA[1] * z;
-    out[3] = coefA[2] * x;
+    out[1] = V(coefA[2]) * y;
+    out[2] = V(coefA[1]) * z;
+    out[3] = V(coefA[2]) * x;
     for (int l = 2; l <= L; ++l) {
         const float* a = coefA + rowStart(std::size_t(l));
         const float* b = coefB + rowStart(std::size_t(l));
-        const float* P = out + (l - 1) * (l - 1) + (l - 1);  // band l - 1, centred on m = 0
-        const float* Q = out + (l - 2) * (l - 2) + (l - 2);  // band l - 2
-        float* R = out + l * l + l;                            // band l
-        const float C = P[l - 1], S = P[-(l - 1)];
-        R[l] = (x * C - y * S) * a[l];
-        R[-l] = (y * C + x * S) * a[l];
-        R[l - 1] = a[l - 1] * z * C;
-        R[-(l - 1)] = a[l - 1] * z * S;
-        R[0] = a[0] * z * P[0] + b[0] * Q[0];
-        for (int k = 1; k <= l - 2; ++k) {
-            R[k] = a[k] * z * P[k] + b[k] * Q[k];
-            R[-k] = a[k] * z * P[-k] + b[k] * Q[-k];
+        const V* P = out + (l - 1) * (l - 1) + (l - 1);  // band l - 1, centred on m = 0
+        const V* Q = out + (l - 2) * (l - 2) + (l - 2);  // band l - 2
+        V* R = out + l * l + l;                            // band l
+        const V C = P[l - 1], S = P[-(l - 1)];
+        R[l] = (x * C - y * S) * V(a[l]);
+        R[-l] = (y * C + x * S) * V(a[l]);
+        const V az1 = V(a[l - 1]) * z;
+        R[l - 1] = az1 * C;
+        R[-(l - 1)] = az1 * S;
+        for (int k = 0; k <= l - 2; ++k) {
+            const V az = V(a[k]) * z, bk = V(b[k]);
+            R[k] = az * P[k] + bk * Q[k];
+            if (k > 0) R[-k] = az * P[-k] + bk * Q[-k];
         }
     }
 }
 
-// The same recurrence for four directions in SSE2 lanes, built in a local four-lane copy of
-// the bands and then transposed out, each lane doing exactly the scalar operations.
-void recurrence4(const float* x, const float* y, const float* z, float* dst, int L,
-                 const float* coefA, const float* coefB)
+// Writes `count` values per lane to consecutive directions of dst.
+void storeDirections(const lanes::Float1* band, int count, float* dst)
 {
-    const int count = (L + 1) * (L + 1);
-    __m128 band[kMaxCoefficients];
-    const __m128 xv = _mm_loadu_ps(x), yv = _mm_loadu_ps(y), zv = _mm_loadu_ps(z);
-    band[0] = _mm_set1_ps(coefA[0]);
-    if (L > 0) {
-        band[1] = _mm_mul_ps(_mm_set1_ps(coefA[2]), yv);
-        band[2] = _mm_mul_ps(_mm_set1_ps(coefA[1]), zv);
-        band[3] = _mm_mul_ps(_mm_set1_ps(coefA[2]), xv);
-    }
-    for (int l = 2; l <= L; ++l) {
-        const float* a = coefA + rowStart(std::size_t(l));
-        const float* b = coefB + rowStart(std::size_t(l));
-        const __m128* P = band + (l - 1) * (l - 1) + (l - 1);
-        const __m128* Q = band + (l - 2) * (l - 2) + (l - 2);
-        __m128* R = band + l * l + l;
-        const __m128 C = P[l - 1], S = P[-(l - 1)];
-        const __m128 al = _mm_set1_ps(a[l]), al1 = _mm_set1_ps(a[l - 1]);
-        R[l] = _mm_mul_ps(_mm_sub_ps(_mm_mul_ps(xv, C), _mm_mul_ps(yv, S)), al);
-        R[-l] = _mm_mul_ps(_mm_add_ps(_mm_mul_ps(yv, C), _mm_mul_ps(xv, S)), al);
-        const __m128 az1 = _mm_mul_ps(al1, zv);
-        R[l - 1] = _mm_mul_ps(az1, C);
-        R[-(l - 1)] = _mm_mul_ps(az1, S);
-        for (int k = 0; k <= l - 2; ++k) {
-            const __m128 az = _mm_mul_ps(_mm_set1_ps(a[k]), zv);
-            const __m128 bk = _mm_set1_ps(b[k]);
-            R[k] = _mm_add_ps(_mm_mul_ps(az, P[k]), _mm_mul_ps(bk, Q[k]));
-            if (k > 0) R[-k] = _mm_add_ps(_mm_mul_ps(az, P[-k]), _mm_mul_ps(bk, Q[-k]));
-        }
-    }
+    for (int k = 0; k < count; ++k) band[k].store(dst + k);
+}
+
+void storeDirections(const lanes::Float4* band, int count, float* dst)
+{
     int k = 0;
     for (; k + 4 <= count; k += 4) {
-        __m128 r0 = band[k], r1 = band[k + 1], r2 = band[k + 2], r3 = band[k + 3];
+        __m128 r0 = band[k].v, r1 = band[k + 1].v, r2 = band[k + 2].v, r3 = band[k + 3].v;
         _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
         _mm_storeu_ps(dst + k, r0);
         _mm_storeu_ps(dst + count + k, r1);
@@ -146,9 +123,9 @@ void recurrence4(const float* x, const float* y, const float* z, float* dst, int
         _mm_storeu_ps(dst + 3 * count + k, r3);
     }
     for (; k < count; ++k) {
-        alignas(16) float lanes[4];
-        _mm_store_ps(lanes, band[k]);
-        for (int j = 0; j < 4; ++j) dst[j * count + k] = lanes[j];
+        alignas(16) float lane[4];
+        band[k].store(lane);
+        for (int j = 0; j < 4; ++j) dst[j * count + k] = lane[j];
     }
 }
 
@@ -207,11 +184,16 @@ void evaluate(const float* x, const float* y, const float* z, std::size_t n, flo
 {
     const std::size_t count = std::size_t(L + 1) * std::size_t(L + 1);
     if (state.shType == SHTypeRecurrence) {
+        auto directions = [&](auto lane, std::size_t i) {
+            using V = decltype(lane);
+            V band[kMaxCoefficients];
+            recurrence(V::load(x + i), V::load(y + i), V::load(z + i), band, L, state.coefA,
+                       state.coefB);
+            storeDirections(band, int(count), dst + i * count);
+        };
         std::size_t i = 0;
-        for (; i + 4 <= n; i += 4)
-            recurrence4(x + i, y + i, z + i, dst + i * count, L, state.coefA, state.coefB);
-        for (; i < n; ++i)
-            recurrence(x[i], y[i], z[i], dst + i * count, L, state.coefA, state.coefB);
+        for (; i + 4 <= n; i += 4) directions(lanes::Float4{}, i);
+        for (; i < n; ++i) directions(lanes::Float1{}, i);
         return;
     }
     const DirectBandFn upTo = kDirectUpTo[L];
