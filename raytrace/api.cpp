@@ -79,7 +79,7 @@ vlkStatus intersectEyeSO(const float origin[3], const float* const dir[3], float
                          PacketSize block) noexcept
 {
     if (!dir || !dist || !hit) return vlkStatusNullPtr;
-    if (block.height < 1) return vlkStatusOk;
+    if (block.height < 1 || block.width < 1) return vlkStatusOk;
     Origins o;
     o.shared = origin;
     intersectNearest(o, dir, dist, hit, triangle, *ctx, block);
@@ -91,7 +91,7 @@ vlkStatus intersectMO(const float* const origin[3], const float* const dir[3], f
                       PacketSize block) noexcept
 {
     if (!origin || !dir || !dist) return vlkStatusNullPtr;
-    if (block.height < 1) return vlkStatusOk;
+    if (block.height < 1 || block.width < 1) return vlkStatusOk;
     Origins o;
     o.perRay = origin;
     intersectNearest(o, dir, dist, hit, triangle, *ctx, block);
@@ -103,6 +103,7 @@ vlkStatus intersectMultipleSO(const float origin[3], const float* const dir[3], 
                               const IntersectContext* ctx) noexcept
 {
     if (!dir || !dist || !hit) return vlkStatusNullPtr;
+    if (volume->width < 1 || volume->height < 1 || volume->depth < 1) return vlkStatusOk;
     intersectLayers(origin, dir, dist, hit, triangle, *volume, *ctx);
     return vlkStatusOk;
 }
@@ -111,7 +112,7 @@ vlkStatus intersectAnySO(const float origin[3], const float* const dir[3], int* 
                          int* mask, PacketSize block, const IntersectContext* ctx) noexcept
 {
     if (!dir || !triangle || !mask) return vlkStatusNullPtr;
-    if (block.height < 1) return vlkStatusOk;
+    if (block.height < 1 || block.width < 1) return vlkStatusOk;
     intersectAny(origin, dir, triangle, mask, block, *ctx);
     return vlkStatusOk;
 }

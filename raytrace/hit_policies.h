@@ -24,6 +24,12 @@ struct NearestHit {
     static bool skip(int) noexcept { return false; }
 };
 
+// The layered query remembers the triangles of the last eight layers and passes over them, so
+// a ray leaving through a shared edge or a fold does not report the same surface twice. Layer
+// l consults slots 0 .. (l - 1) mod 8 - 1, so layers 9, 17, ... consult none; that wrap is
+// intended.
+constexpr int kRecentTriangles = 8;
+
 // Layered hits: as NearestHit, but passes over the previous layer's triangle and those in the
 // ring of recent ones that this layer consults.
 struct LayerHit : NearestHit {

@@ -1,6 +1,7 @@
 // Ray/scene intersection over the k-d tree: nearest hit, layered hits and occlusion.
 #include "intersect.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -69,8 +70,7 @@ void intersectNearest(Origins origin, const float* const dir[3], float* dist,
                       float* const hit[2], int* triangle, const IntersectContext& ctx,
                       PacketSize block) noexcept
 {
-    const std::size_t width = block.width > 0 ? std::size_t(block.width) : 0;
-    const std::size_t count = width * std::size_t(block.height);
+    const std::size_t count = std::size_t(block.width) * std::size_t(block.height);
     auto single = [&](Ray& ray, std::size_t i) {
         NearestHit h{dist[i]};
         walkTree(ctx.pRootNode, ctx.pAccel, kNodeEpsilon, ray, h);
@@ -115,26 +115,22 @@ void intersectLayers(const float origin[3], const float* const dir[3], float* di
                      float* const hit[2], int* triangle, const VolumeSize& volume,
                      const IntersectContext& ctx) noexcept
 {
-    const int width = volume.width, height = volume.height, layers = volume.depth;
-    if (width > 0 && height > 0 && layers > 0)
-        for (std::size_t i = 0, n = std::size_t(width) * height * layers; i < n; ++i)
-            triangle[i] = -1;
-    if (height < 1 || width < 1 || layers < 1) return;
-
-    const std::size_t plane = std::size_t(width) * std::size_t(height);
+    const int layers = volume.depth;
+    const std::size_t plane = std::size_t(volume.width) * std::size_t(volume.height);
+    std::fill(triangle, triangle + plane * std::size_t(layers), -1);
     for (std::size_t i = 0; i < plane; ++i) {
         Ray ray;
         for (int k = 0; k < 3; ++k) ray.o[k] = origin[k];
         loadRay(dir, i, ray.d);
         if (!enterBox(ctx.pBound, dist[i], ray)) continue;
-        int ring[8];
+        int ring[kRecentTriangles];
         int previous = -1;
         for (int layer = 1;; ++layer) {
             const std::size_t at = std::size_t(layer - 1) * plane + i;
             LayerHit h;
             h.best = dist[at];
             h.ring = ring;
-            h.ringSlots = (layer - 1) % 8;
+            h.ringSlots = (layer - 1) % kRecentTriangles;
             h.previous = previous;
             walkTree(ctx.pRootNode, ctx.pAccel, kLayerEpsilon, ray, h);
             if (h.triangle < 0) break;
@@ -144,7 +140,7 @@ void intersectLayers(const float origin[3], const float* const dir[3], float* di
             hit[1][at] = h.q;
             dist[at] = layer > 1 ? t + dist[at - plane] : t;
             for (int k = 0; k < 3; ++k) ray.o[k] = ray.o[k] + ray.d[k] * t;
-            ring[(layer - 1) % 8] = h.triangle;
+            ring[(layer - 1) % kRecentTriangles] = h.triangle;
             previous = h.triangle;
             if (layer == layers) break;
 
@@ -158,8 +154,7 @@ void intersectLayers(const float origin[3], const float* const dir[3], float* di
 void intersectAny(const float origin[3], const float* const dir[3], int* triangle, int* mask,
                   PacketSize block, const IntersectContext& ctx) noexcept
 {
-    const std::size_t width = block.width > 0 ? std::size_t(block.width) : 0;
-    const std::size_t count = width * std::size_t(block.height);
+    const std::size_t count = std::size_t(block.width) * std::size_t(block.height);
     auto setUp = [&](Ray& ray, std::size_t i) {
         triangle[i] = -1;
         if (mask[i] < 0) return false;

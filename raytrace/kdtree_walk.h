@@ -11,10 +11,20 @@ namespace vlkr::raytrace {
 
 constexpr float kNodeEpsilon = 9.99999975e-06f;  // slack when deciding near/far children
 constexpr float kLayerEpsilon = 0.00019f;        // wider slack for the layered query
-constexpr float kTinyDirection = 1.1920929e-7f;  // smaller components do not narrow the box
-constexpr float kTinyInverse = 8.388608e8f;      // their stand-in inverse
-constexpr float kOcclusionTinyInverse = 83886.078125f;  // the occlusion query's stand-in
 constexpr float kSegmentPad = 0.0001f;           // the box segment's far end grows by this
+
+// A direction component no larger than one float ulp at 1 counts as zero: it does not narrow
+// the box segment, and a large finite stand-in replaces its inverse so split distances stay
+// ordered without infinities. The stand-in is 2^23 * 100 for the box-clipped queries and
+// 2^23 / 100 for occlusion rays; the two differ on purpose and either changes which child a
+// ray visits first at such a component, so neither may be tidied into the other.
+constexpr float kTinyDirection = 1.1920929e-7f;
+constexpr float kTinyInverse = 8.388608e8f;
+constexpr float kOcclusionTinyInverse = 83886.078125f;
+
+// Occlusion rays run from the point (t = 0) to the light (t = 1) and are not clipped to the
+// box; their segment's far end sits just past 1, padded as the box segments are, while hits
+// still count only below 1.
 constexpr float kOcclusionFar = 1.0001f;
 constexpr float kFloatMax = 3.4028235e38f;
 

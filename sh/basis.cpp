@@ -158,6 +158,9 @@ long long stateSize(int maxL, int shType) noexcept
     if (shType == SHTypeDirect) return 16;
     // Negative orders and blocks beyond an int are refused rather than wrapped.
     if (maxL < 0) return -1;
+    // 8 n bytes hold the two tables of n floats; the rounding and the further 32 bytes make
+    // room for the 24-byte header and each table's step up to a 16-byte boundary (enough for
+    // any 4-byte-aligned block, every order).
     const long long n = (static_cast<long long>(maxL) + 1) * (maxL + 2) / 2;
     const long long size = ((8 * n + 30) & ~31LL) + 32;
     return size > 0x7FFFFFFF ? -1 : size;
