@@ -44,6 +44,7 @@ vlkStatus kdTreeBuildAlloc(KDTreeNode** tree, const float* vertices, const int* 
                            int vertexCount, int triangleCount, int* treeSize,
                            const KDTreeBuildContext* params) noexcept
 {
+    // Kept on purpose: the counts are tested before the parameter record that precedes them.
     if (!tree || !vertices || !triangles || !treeSize) return vlkStatusNullPtr;
     if (vertexCount < 0 || triangleCount < 0) return vlkStatusSize;
     if (!params) return vlkStatusNullPtr;
@@ -146,7 +147,8 @@ vlkStatus castShadowSO(const float light[3], const float* factor, const float* c
                        const float* const hitPoint[3], int* mask, float* cosine,
                        float* const shadowDir[3], int len) noexcept
 {
-    // The light position is unchecked; the cosine output is checked last.
+    // Kept on purpose: the cosine output is tested last, after the directions that follow it;
+    // the light position is not tested.
     if (!factor || !normal || !hitPoint || !mask || !shadowDir || !cosine) return vlkStatusNullPtr;
     if (len <= 0) return vlkStatusOk;
     makeShadowRays(light, factor, normal, hitPoint, mask, cosine, shadowDir, len);
@@ -156,7 +158,9 @@ vlkStatus castShadowSO(const float light[3], const float* factor, const float* c
 vlkStatus hitPoint3DEpsS0(const float origin[3], const float* const dir[3], const float* dist,
                           const int* mask, float* const hitPoint[3], int len, float eps) noexcept
 {
-    if (!dist || !mask || !dir || !hitPoint) return vlkStatusNullPtr;  // origin unchecked
+    // Kept on purpose: distances and mask are tested before the directions that precede them;
+    // the origin is not tested.
+    if (!dist || !mask || !dir || !hitPoint) return vlkStatusNullPtr;
     if (len <= 0) return vlkStatusOk;
     makeHitPoints(origin, nullptr, dir, dist, mask, hitPoint, len, eps);
     return vlkStatusOk;
@@ -166,6 +170,7 @@ vlkStatus hitPoint3DEpsM0(const float* const origin[3], const float* const dir[3
                           const float* dist, const int* mask, float* const hitPoint[3], int len,
                           float eps) noexcept
 {
+    // Kept on purpose: as the shared-origin form, with the origins tested last.
     if (!dist || !mask || !dir || !hitPoint || !origin) return vlkStatusNullPtr;
     if (len <= 0) return vlkStatusOk;
     makeHitPoints(nullptr, origin, dir, dist, mask, hitPoint, len, eps);

@@ -76,7 +76,8 @@ vlkStatus basisBand(const float* x, const float* y, const float* z, int n, float
                     int L) noexcept
 {
     if (!x || !y || !z || !dst) return vlkStatusNullPtr;
-    if (aboveOrder(L, kMaxBand)) return vlkStatusAlgType;  // the band before the count
+    // Kept on purpose: the band is tested before the count that precedes it.
+    if (aboveOrder(L, kMaxBand)) return vlkStatusAlgType;
     if (n == 0) return vlkStatusSize;
     if (n < 0) return vlkStatusOk;
     evaluateBand(x, y, z, std::size_t(n), dst, L);
