@@ -1,139 +1,153 @@
-// Lane types for arithmetic written once: Float1 holds one float, Float4 four in an SSE2
-// register. A body templated on the lane type runs at full width over groups of four and
-// capped to one lane for heads and tails, with the same IEEE operations in the same order, so
-// every element gets the same bits whichever path it takes.
+// Lane types for arithmetic written once: Lanes<4> holds four floats in an SSE2 register and
+// Lanes<1> the same register capped to its first lane. A body templated on the lane type runs
+// at full width over groups of four and capped to one lane for heads and tails, with the same
+// IEEE operations in the same order, so every element gets the same bits whichever path it
+// takes. Only loads, stores and broadcasts depend on the width; a capped value keeps zeros
+// (or numbers derived from them) in its unused lanes, which nothing ever reads.
 //
-// Caller arrays may sit at any byte address, so loads and stores go through memcpy (one
-// unaligned move each) rather than through float or int lvalues.
+// Caller arrays may sit at any byte address, so every load and store is an unaligned move.
 #pragma once
 
 #include <emmintrin.h>
 
-#include <cmath>
 #include <cstdint>
 #include <cstring>
 
 namespace vlkr::lanes {
 
-// -------------------------------------------------------------------------- one lane
-
-struct Mask1 {
-    bool on;
-};
-
-struct Float1 {
-    using Mask = Mask1;
-    static constexpr int kLanes = 1;
-
-    float v;
-    Float1() = default;
-    Float1(float x) : v(x) {}  // broadcast, as for Float4
-
-    static Float1 load(const void* p)
-    {
-        float x;
-        std::memcpy(&x, p, 4);
-        return x;
-    }
-    void store(void* p) const { std::memcpy(p, &v, 4); }
-    static Float1 indices(int first) { return float(first); }  // first, as a float
-};
-
-inline Float1 operator+(Float1 a, Float1 b) { return a.v + b.v; }
-inline Float1 operator-(Float1 a, Float1 b) { return a.v - b.v; }
-inline Float1 operator*(Float1 a, Float1 b) { return a.v * b.v; }
-inline Float1 operator/(Float1 a, Float1 b) { return a.v / b.v; }
-inline Mask1 operator<(Float1 a, Float1 b) { return {a.v < b.v}; }
-inline Mask1 operator>(Float1 a, Float1 b) { return {a.v > b.v}; }
-inline Mask1 operator>=(Float1 a, Float1 b) { return {a.v >= b.v}; }
-inline Mask1 operator==(Float1 a, Float1 b) { return {a.v == b.v}; }
-inline Mask1 operator&(Mask1 a, Mask1 b) { return {a.on && b.on}; }
-inline Mask1 operator|(Mask1 a, Mask1 b) { return {a.on || b.on}; }
-inline Mask1 andNot(Mask1 a, Mask1 b) { return {!a.on && b.on}; }  // b and not a
-
-inline Float1 select(Mask1 m, Float1 a, Float1 b) { return m.on ? a : b; }
-inline Float1 zeroUnless(Mask1 m, Float1 a) { return m.on ? a : Float1(0.0f); }
-inline Float1 sqrt(Float1 a) { return std::sqrt(a.v); }
-inline Float1 abs(Float1 a)  // clears the sign bit, as the four-lane form does
-{
-    std::uint32_t u;
-    std::memcpy(&u, &a.v, 4);
-    u &= 0x7FFFFFFFu;
-    std::memcpy(&a.v, &u, 4);
-    return a;
-}
-inline bool any(Mask1 m) { return m.on; }
-inline int bits(Mask1 m) { return m.on ? 1 : 0; }
-
-// A ray takes part where its mask element is not negative.
-inline Mask1 takes(const int* mask, Float1)
-{
-    std::int32_t m;
-    std::memcpy(&m, mask, 4);
-    return {m >= 0};
-}
-// Sets the mask element to -1 where m holds.
-inline void passOver(int* mask, Mask1 m)
-{
-    if (!m.on) return;
-    const std::int32_t minusOne = -1;
-    std::memcpy(mask, &minusOne, 4);
-}
-
-// ------------------------------------------------------------------------- four lanes
-
-struct Mask4 {
+template <int kN>
+struct Mask {
     __m128 bits;
 };
 
-struct Float4 {
-    using Mask = Mask4;
-    static constexpr int kLanes = 4;
+template <int kN>
+struct Lanes {
+    static_assert(kN == 1 || kN == 4, "one lane or four");
+    using Mask = lanes::Mask<kN>;
+    static constexpr int kLanes = kN;
 
     __m128 v;
-    Float4() = default;
-    Float4(__m128 x) : v(x) {}
-    Float4(float x) : v(_mm_set1_ps(x)) {}
+    Lanes() = default;
+    Lanes(__m128 x) : v(x) {}
+    Lanes(float x) : v(kN == 4 ? _mm_set1_ps(x) : _mm_set_ss(x)) {}  // broadcast
 
-    static Float4 load(const void* p) { return _mm_loadu_ps(static_cast<const float*>(p)); }
-    void store(void* p) const { _mm_storeu_ps(static_cast<float*>(p), v); }
-    static Float4 indices(int first)  // first .. first + 3, as floats
+    static Lanes load(const void* p)
+    {
+        if constexpr (kN == 4) return _mm_loadu_ps(static_cast<const float*>(p));
+        float x;
+        std::memcpy(&x, p, 4);
+        return _mm_set_ss(x);
+    }
+    void store(void* p) const
+    {
+        if constexpr (kN == 4) {
+            _mm_storeu_ps(static_cast<float*>(p), v);
+        } else {
+            const float x = _mm_cvtss_f32(v);
+            std::memcpy(p, &x, 4);
+        }
+    }
+    static Lanes indices(int first)  // first, first + 1, ... as floats
     {
         return _mm_cvtepi32_ps(_mm_add_epi32(_mm_set1_epi32(first), _mm_setr_epi32(0, 1, 2, 3)));
     }
+    float first() const { return _mm_cvtss_f32(v); }
 };
 
-inline Float4 operator+(Float4 a, Float4 b) { return _mm_add_ps(a.v, b.v); }
-inline Float4 operator-(Float4 a, Float4 b) { return _mm_sub_ps(a.v, b.v); }
-inline Float4 operator*(Float4 a, Float4 b) { return _mm_mul_ps(a.v, b.v); }
-inline Float4 operator/(Float4 a, Float4 b) { return _mm_div_ps(a.v, b.v); }
-inline Mask4 operator<(Float4 a, Float4 b) { return {_mm_cmplt_ps(a.v, b.v)}; }
-inline Mask4 operator>(Float4 a, Float4 b) { return {_mm_cmpgt_ps(a.v, b.v)}; }
-inline Mask4 operator>=(Float4 a, Float4 b) { return {_mm_cmpge_ps(a.v, b.v)}; }
-inline Mask4 operator==(Float4 a, Float4 b) { return {_mm_cmpeq_ps(a.v, b.v)}; }
-inline Mask4 operator&(Mask4 a, Mask4 b) { return {_mm_and_ps(a.bits, b.bits)}; }
-inline Mask4 operator|(Mask4 a, Mask4 b) { return {_mm_or_ps(a.bits, b.bits)}; }
-inline Mask4 andNot(Mask4 a, Mask4 b) { return {_mm_andnot_ps(a.bits, b.bits)}; }
+using Float1 = Lanes<1>;
+using Float4 = Lanes<4>;
+using Mask1 = Mask<1>;
+using Mask4 = Mask<4>;
 
-inline Float4 select(Mask4 m, Float4 a, Float4 b)
+// clang-format off
+template <int kN> Lanes<kN> operator+(Lanes<kN> a, Lanes<kN> b) { return _mm_add_ps(a.v, b.v); }
+template <int kN> Lanes<kN> operator-(Lanes<kN> a, Lanes<kN> b) { return _mm_sub_ps(a.v, b.v); }
+template <int kN> Lanes<kN> operator*(Lanes<kN> a, Lanes<kN> b) { return _mm_mul_ps(a.v, b.v); }
+template <int kN> Lanes<kN> operator/(Lanes<kN> a, Lanes<kN> b) { return _mm_div_ps(a.v, b.v); }
+template <int kN> Mask<kN> operator<(Lanes<kN> a, Lanes<kN> b) { return {_mm_cmplt_ps(a.v, b.v)}; }
+template <int kN> Mask<kN> operator>(Lanes<kN> a, Lanes<kN> b) { return {_mm_cmpgt_ps(a.v, b.v)}; }
+template <int kN> Mask<kN> operator>=(Lanes<kN> a, Lanes<kN> b) { return {_mm_cmpge_ps(a.v, b.v)}; }
+template <int kN> Mask<kN> operator==(Lanes<kN> a, Lanes<kN> b) { return {_mm_cmpeq_ps(a.v, b.v)}; }
+template <int kN> Mask<kN> operator&(Mask<kN> a, Mask<kN> b) { return {_mm_and_ps(a.bits, b.bits)}; }
+template <int kN> Mask<kN> operator|(Mask<kN> a, Mask<kN> b) { return {_mm_or_ps(a.bits, b.bits)}; }
+// clang-format on
+
+// The lanes of b that are not in a.
+template <int kN>
+Mask<kN> allLanes()
+{
+    return {_mm_castsi128_ps(_mm_set1_epi32(-1))};
+}
+
+template <int kN>
+Mask<kN> andNot(Mask<kN> a, Mask<kN> b)
+{
+    return {_mm_andnot_ps(a.bits, b.bits)};
+}
+
+template <int kN>
+Lanes<kN> select(Mask<kN> m, Lanes<kN> a, Lanes<kN> b)
 {
     return _mm_or_ps(_mm_and_ps(m.bits, a.v), _mm_andnot_ps(m.bits, b.v));
 }
-inline Float4 zeroUnless(Mask4 m, Float4 a) { return _mm_and_ps(m.bits, a.v); }
-inline Float4 sqrt(Float4 a) { return _mm_sqrt_ps(a.v); }
-inline Float4 abs(Float4 a) { return _mm_andnot_ps(_mm_set1_ps(-0.0f), a.v); }
-inline bool any(Mask4 m) { return _mm_movemask_ps(m.bits) != 0; }
-inline int bits(Mask4 m) { return _mm_movemask_ps(m.bits); }
 
-inline Mask4 takes(const int* mask, Float4)
+template <int kN>
+Lanes<kN> zeroUnless(Mask<kN> m, Lanes<kN> a)
 {
-    const __m128i m = _mm_loadu_si128(reinterpret_cast<const __m128i*>(mask));
+    return _mm_and_ps(m.bits, a.v);
+}
+
+template <int kN>
+Lanes<kN> sqrt(Lanes<kN> a)
+{
+    return _mm_sqrt_ps(a.v);
+}
+
+template <int kN>
+Lanes<kN> abs(Lanes<kN> a)  // clears the sign bit
+{
+    return _mm_andnot_ps(_mm_set1_ps(-0.0f), a.v);
+}
+
+// Bit l set when lane l is in the mask; unused lanes never count.
+template <int kN>
+int bits(Mask<kN> m)
+{
+    return _mm_movemask_ps(m.bits) & ((1 << kN) - 1);
+}
+
+template <int kN>
+bool any(Mask<kN> m)
+{
+    return bits(m) != 0;
+}
+
+// The rays that take part: those whose mask element is not negative.
+template <int kN>
+Mask<kN> takes(const int* mask, Lanes<kN>)
+{
+    __m128i m;
+    if constexpr (kN == 4) {
+        m = _mm_loadu_si128(reinterpret_cast<const __m128i*>(mask));
+    } else {
+        std::int32_t one;
+        std::memcpy(&one, mask, 4);
+        m = _mm_cvtsi32_si128(one);
+    }
     return {_mm_castsi128_ps(_mm_cmpgt_epi32(m, _mm_set1_epi32(-1)))};
 }
-inline void passOver(int* mask, Mask4 m)
+
+// Sets the mask element to -1 where m holds.
+template <int kN>
+void passOver(int* mask, Mask<kN> m)
 {
-    __m128i* p = reinterpret_cast<__m128i*>(mask);
-    _mm_storeu_si128(p, _mm_or_si128(_mm_loadu_si128(p), _mm_castps_si128(m.bits)));
+    if constexpr (kN == 4) {
+        __m128i* p = reinterpret_cast<__m128i*>(mask);
+        _mm_storeu_si128(p, _mm_or_si128(_mm_loadu_si128(p), _mm_castps_si128(m.bits)));
+    } else if (any(m)) {
+        const std::int32_t minusOne = -1;
+        std::memcpy(mask, &minusOne, 4);
+    }
 }
 
 // ------------------------------------------------------------------------ loop skeletons

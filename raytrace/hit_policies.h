@@ -68,7 +68,7 @@ struct NearestHit4 {
         best = select(hit, t, best);
         p = select(hit, pp, p);
         q = select(hit, qq, q);
-        triangle = select(hit, _mm_castsi128_ps(_mm_set1_epi32(n)), triangle);
+        triangle = select(hit, lanes::Float4(_mm_castsi128_ps(_mm_set1_epi32(n))), triangle);
         return 0;
     }
 };

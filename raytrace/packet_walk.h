@@ -98,7 +98,7 @@ void walkPacket(const KDTreeNode* root, const TriangleAccel* accel, float epsilo
             if (pushed | farOnly) {
                 stack[depth++] = {farChild, tfar, pushed, farOnly};
                 const __m128 clipped = _mm_max_ps(tnear, _mm_min_ps(t, tfar));
-                tfar = lanes::select({laneMask4(pushed)}, clipped, tfar).v;
+                tfar = lanes::select(lanes::Mask4{laneMask4(pushed)}, lanes::Float4(clipped), lanes::Float4(tfar)).v;
             }
             active = toNear;
             node = nearChild;
@@ -126,8 +126,8 @@ void walkPacket(const KDTreeNode* root, const TriangleAccel* accel, float epsilo
             const int pushed = e.pushed & alive, farOnly = e.farOnly & alive;
             if ((pushed | farOnly) == 0) continue;
             const lanes::Mask4 m{laneMask4(pushed)};
-            tnear = lanes::select(m, tfar, tnear).v;
-            tfar = lanes::select(m, e.tfar, tfar).v;
+            tnear = lanes::select(m, lanes::Float4(tfar), lanes::Float4(tnear)).v;
+            tfar = lanes::select(m, lanes::Float4(e.tfar), lanes::Float4(tfar)).v;
             active = pushed | farOnly;
             node = e.node;
             break;

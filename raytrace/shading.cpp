@@ -114,7 +114,8 @@ void distAttenuation(const float point[3], const float* const surface[3], const 
         for (int c = 0; c < 3; ++c) delta[c] = V::load(surface[c] + i) - V(point[c]);
         const V e = (delta[0] * delta[0] + delta[1] * delta[1]) + delta[2] * delta[2];
         const V one(1.0f);
-        select(takes(mask + i, lane), select(e < one, one, sqrt(e)), one).store(dist + i);
+        const auto passedOver = andNot(takes(mask + i, lane), allLanes<V::kLanes>());
+        select((e < one) | passedOver, one, sqrt(e)).store(dist + i);
     });
 }
 
