@@ -206,134 +206,57 @@ VLKR_API vlkStatus vlkrResizeGetBufSize(const Cuboid* srcVoi, const Cuboid* dstV
     return vlkr::volume::resizeGetBufSize(srcVoi, dstVoi, nChannel, interpolation, pSize);
 }
 
-VLKR_API vlkStatus vlkrResize_8u_C1V(const Vlk8u* src, const VolumeSize* srcVolume, int srcRowStep,
-                                 int srcPlaneStep, const Cuboid* srcVoi, Vlk8u* dst, int dstRowStep,
-                                 int dstPlaneStep, const Cuboid* dstVoi, double xFactor,
-                                 double yFactor, double zFactor, double xShift, double yShift,
-                                 double zShift, int interpolation, unsigned char* buffer)
-{
-    return vlkr::volume::resizeBlock(src, srcVolume, srcRowStep, srcPlaneStep, srcVoi, dst,
-                                     dstRowStep, dstPlaneStep, dstVoi, xFactor, yFactor, zFactor,
-                                     xShift, yShift, zShift, interpolation, buffer);
-}
-
-VLKR_API vlkStatus vlkrResize_8u_C1PV(const Vlk8u* const src[], const VolumeSize* srcVolume,
-                                  int srcStep, const Cuboid* srcVoi, Vlk8u* const dst[], int dstStep,
-                                  const Cuboid* dstVoi, double xFactor, double yFactor,
-                                  double zFactor, double xShift, double yShift, double zShift,
-                                  int interpolation, unsigned char* buffer)
-{
-    return vlkr::volume::resizePlanes(src, srcVolume, srcStep, srcVoi, dst, dstStep, dstVoi,
-                                      xFactor, yFactor, zFactor, xShift, yShift, zShift,
-                                      interpolation, buffer);
-}
-
-VLKR_API vlkStatus vlkrResize_16u_C1V(const Vlk16u* src, const VolumeSize* srcVolume, int srcRowStep,
-                                 int srcPlaneStep, const Cuboid* srcVoi, Vlk16u* dst, int dstRowStep,
-                                 int dstPlaneStep, const Cuboid* dstVoi, double xFactor,
-                                 double yFactor, double zFactor, double xShift, double yShift,
-                                 double zShift, int interpolation, unsigned char* buffer)
-{
-    return vlkr::volume::resizeBlock(src, srcVolume, srcRowStep, srcPlaneStep, srcVoi, dst,
-                                     dstRowStep, dstPlaneStep, dstVoi, xFactor, yFactor, zFactor,
-                                     xShift, yShift, zShift, interpolation, buffer);
-}
-
-VLKR_API vlkStatus vlkrResize_16u_C1PV(const Vlk16u* const src[], const VolumeSize* srcVolume,
-                                  int srcStep, const Cuboid* srcVoi, Vlk16u* const dst[], int dstStep,
-                                  const Cuboid* dstVoi, double xFactor, double yFactor,
-                                  double zFactor, double xShift, double yShift, double zShift,
-                                  int interpolation, unsigned char* buffer)
-{
-    return vlkr::volume::resizePlanes(src, srcVolume, srcStep, srcVoi, dst, dstStep, dstVoi,
-                                      xFactor, yFactor, zFactor, xShift, yShift, zShift,
-                                      interpolation, buffer);
-}
-
-VLKR_API vlkStatus vlkrResize_32f_C1V(const Vlk32f* src, const VolumeSize* srcVolume, int srcRowStep,
-                                 int srcPlaneStep, const Cuboid* srcVoi, Vlk32f* dst, int dstRowStep,
-                                 int dstPlaneStep, const Cuboid* dstVoi, double xFactor,
-                                 double yFactor, double zFactor, double xShift, double yShift,
-                                 double zShift, int interpolation, unsigned char* buffer)
-{
-    return vlkr::volume::resizeBlock(src, srcVolume, srcRowStep, srcPlaneStep, srcVoi, dst,
-                                     dstRowStep, dstPlaneStep, dstVoi, xFactor, yFactor, zFactor,
-                                     xShift, yShift, zShift, interpolation, buffer);
-}
-
-VLKR_API vlkStatus vlkrResize_32f_C1PV(const Vlk32f* const src[], const VolumeSize* srcVolume,
-                                  int srcStep, const Cuboid* srcVoi, Vlk32f* const dst[], int dstStep,
-                                  const Cuboid* dstVoi, double xFactor, double yFactor,
-                                  double zFactor, double xShift, double yShift, double zShift,
-                                  int interpolation, unsigned char* buffer)
-{
-    return vlkr::volume::resizePlanes(src, srcVolume, srcStep, srcVoi, dst, dstStep, dstVoi,
-                                      xFactor, yFactor, zFactor, xShift, yShift, zShift,
-                                      interpolation, buffer);
-}
-
 VLKR_API vlkStatus vlkrWarpAffineGetBufSize(const Cuboid* srcVoi, const Cuboid* dstVoi,
                                             int nChannel, int interpolation, int* pSize)
 {
     return vlkr::volume::warpAffineGetBufSize(srcVoi, dstVoi, nChannel, interpolation, pSize);
 }
 
-VLKR_API vlkStatus vlkrWarpAffine_8u_C1PV(const Vlk8u* const src[], const VolumeSize* srcVolume,
-                                      int srcStep, const Cuboid* srcVoi, Vlk8u* const dst[],
-                                      int dstStep, const Cuboid* dstVoi, const double coeffs[3][4],
-                                      int interpolation)
-{
-    return vlkr::volume::warpAffine(src, srcVolume, srcStep, srcVoi, dst, dstStep, dstVoi, coeffs,
-                                    interpolation);
-}
+// The resize, warp and remap entry points of one voxel type, each forwarding to the family's
+// template for that type.
+#define VLKR_VOLUME_EXPORTS(T, tag)                                                              \
+    VLKR_API vlkStatus vlkrResize_##tag##_C1V(                                                   \
+        const T* src, const VolumeSize* srcVolume, int srcRowStep, int srcPlaneStep,             \
+        const Cuboid* srcVoi, T* dst, int dstRowStep, int dstPlaneStep, const Cuboid* dstVoi,    \
+        double xFactor, double yFactor, double zFactor, double xShift, double yShift,            \
+        double zShift, int interpolation, unsigned char* buffer)                                 \
+    {                                                                                            \
+        return vlkr::volume::resizeBlock(src, srcVolume, srcRowStep, srcPlaneStep, srcVoi, dst,  \
+                                         dstRowStep, dstPlaneStep, dstVoi, xFactor, yFactor,     \
+                                         zFactor, xShift, yShift, zShift, interpolation, buffer); \
+    }                                                                                            \
+    VLKR_API vlkStatus vlkrResize_##tag##_C1PV(                                                  \
+        const T* const src[], const VolumeSize* srcVolume, int srcStep, const Cuboid* srcVoi,    \
+        T* const dst[], int dstStep, const Cuboid* dstVoi, double xFactor, double yFactor,       \
+        double zFactor, double xShift, double yShift, double zShift, int interpolation,          \
+        unsigned char* buffer)                                                                   \
+    {                                                                                            \
+        return vlkr::volume::resizePlanes(src, srcVolume, srcStep, srcVoi, dst, dstStep, dstVoi, \
+                                          xFactor, yFactor, zFactor, xShift, yShift, zShift,     \
+                                          interpolation, buffer);                                \
+    }                                                                                            \
+    VLKR_API vlkStatus vlkrWarpAffine_##tag##_C1PV(                                              \
+        const T* const src[], const VolumeSize* srcVolume, int srcStep, const Cuboid* srcVoi,    \
+        T* const dst[], int dstStep, const Cuboid* dstVoi, const double coeffs[3][4],            \
+        int interpolation)                                                                       \
+    {                                                                                            \
+        return vlkr::volume::warpAffine(src, srcVolume, srcStep, srcVoi, dst, dstStep, dstVoi,   \
+                                        coeffs, interpolation);                                  \
+    }                                                                                            \
+    VLKR_API vlkStatus vlkrRemap_##tag##_C1PV(                                                   \
+        const T* const src[], const VolumeSize* srcVolume, int srcStep, Cuboid* srcVoi,          \
+        const float* const xMap[], const float* const yMap[], const float* const zMap[],         \
+        int mapStep, T* const dst[], int dstStep, const VolumeSize* dstVolume, int interpolation) \
+    {                                                                                            \
+        return vlkr::volume::remap(src, srcVolume, srcStep, srcVoi, xMap, yMap, zMap, mapStep,   \
+                                   dst, dstStep, dstVolume, interpolation);                      \
+    }
 
-VLKR_API vlkStatus vlkrWarpAffine_16u_C1PV(const Vlk16u* const src[], const VolumeSize* srcVolume,
-                                      int srcStep, const Cuboid* srcVoi, Vlk16u* const dst[],
-                                      int dstStep, const Cuboid* dstVoi, const double coeffs[3][4],
-                                      int interpolation)
-{
-    return vlkr::volume::warpAffine(src, srcVolume, srcStep, srcVoi, dst, dstStep, dstVoi, coeffs,
-                                    interpolation);
-}
+VLKR_VOLUME_EXPORTS(Vlk8u, 8u)
+VLKR_VOLUME_EXPORTS(Vlk16u, 16u)
+VLKR_VOLUME_EXPORTS(Vlk32f, 32f)
 
-VLKR_API vlkStatus vlkrWarpAffine_32f_C1PV(const Vlk32f* const src[], const VolumeSize* srcVolume,
-                                      int srcStep, const Cuboid* srcVoi, Vlk32f* const dst[],
-                                      int dstStep, const Cuboid* dstVoi, const double coeffs[3][4],
-                                      int interpolation)
-{
-    return vlkr::volume::warpAffine(src, srcVolume, srcStep, srcVoi, dst, dstStep, dstVoi, coeffs,
-                                    interpolation);
-}
-
-VLKR_API vlkStatus vlkrRemap_8u_C1PV(const Vlk8u* const src[], const VolumeSize* srcVolume,
-                                 int srcStep, Cuboid* srcVoi, const float* const xMap[],
-                                 const float* const yMap[], const float* const zMap[], int mapStep,
-                                 Vlk8u* const dst[], int dstStep, const VolumeSize* dstVolume,
-                                 int interpolation)
-{
-    return vlkr::volume::remap(src, srcVolume, srcStep, srcVoi, xMap, yMap, zMap, mapStep, dst,
-                               dstStep, dstVolume, interpolation);
-}
-
-VLKR_API vlkStatus vlkrRemap_16u_C1PV(const Vlk16u* const src[], const VolumeSize* srcVolume,
-                                 int srcStep, Cuboid* srcVoi, const float* const xMap[],
-                                 const float* const yMap[], const float* const zMap[], int mapStep,
-                                 Vlk16u* const dst[], int dstStep, const VolumeSize* dstVolume,
-                                 int interpolation)
-{
-    return vlkr::volume::remap(src, srcVolume, srcStep, srcVoi, xMap, yMap, zMap, mapStep, dst,
-                               dstStep, dstVolume, interpolation);
-}
-
-VLKR_API vlkStatus vlkrRemap_32f_C1PV(const Vlk32f* const src[], const VolumeSize* srcVolume,
-                                 int srcStep, Cuboid* srcVoi, const float* const xMap[],
-                                 const float* const yMap[], const float* const zMap[], int mapStep,
-                                 Vlk32f* const dst[], int dstStep, const VolumeSize* dstVolume,
-                                 int interpolation)
-{
-    return vlkr::volume::remap(src, srcVolume, srcStep, srcVoi, xMap, yMap, zMap, mapStep, dst,
-                               dstStep, dstVolume, interpolation);
-}
+#undef VLKR_VOLUME_EXPORTS
 
 VLKR_API vlkStatus vlkrFilterGetBufSize(const VolumeSize* region, const VolumeSize* kernelVolume,
                                         int nChannel, int* pSize)
