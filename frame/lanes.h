@@ -150,6 +150,27 @@ void passOver(int* mask, Mask<kN> m)
     }
 }
 
+// Element i of each of three planes (x, y, z components).
+template <int kN>
+void loadPlanes(const float* const planes[3], int i, Lanes<kN> out[3])
+{
+    for (int c = 0; c < 3; ++c) out[c] = Lanes<kN>::load(planes[c] + i);
+}
+
+// Dot products of three-component lanes in the two summation orders the operations define:
+// x, y, then z; or y and z first, x last.
+template <int kN>
+Lanes<kN> dotXYZ(const Lanes<kN> a[3], const Lanes<kN> b[3])
+{
+    return (a[0] * b[0] + a[1] * b[1]) + a[2] * b[2];
+}
+
+template <int kN>
+Lanes<kN> dotYZX(const Lanes<kN> a[3], const Lanes<kN> b[3])
+{
+    return (a[1] * b[1] + a[2] * b[2]) + a[0] * b[0];
+}
+
 // ------------------------------------------------------------------------ loop skeletons
 
 // Runs body(Float4{}, i) on groups of four elements and body(Float1{}, i) on the rest.

@@ -75,16 +75,25 @@ vlkStatus kdTreeFree(KDTreeNode* tree) noexcept
 // The intersection queries check only the arrays they write or must read; origins, the
 // triangle array of the nearest-hit queries and the context are used unchecked on purpose.
 
+namespace {
+
+vlkStatus nearestHits(Origins origin, const float* const dir[3], float* dist,
+                      float* const hit[2], int* triangle, const IntersectContext* ctx,
+                      PacketSize block) noexcept
+{
+    if (block.height < 1 || block.width < 1) return vlkStatusOk;
+    intersectNearest(origin, dir, dist, hit, triangle, *ctx, block);
+    return vlkStatusOk;
+}
+
+}  // namespace
+
 vlkStatus intersectEyeSO(const float origin[3], const float* const dir[3], float* dist,
                          float* const hit[2], int* triangle, const IntersectContext* ctx,
                          PacketSize block) noexcept
 {
     if (!dir || !dist || !hit) return vlkStatusNullPtr;
-    if (block.height < 1 || block.width < 1) return vlkStatusOk;
-    Origins o;
-    o.shared = origin;
-    intersectNearest(o, dir, dist, hit, triangle, *ctx, block);
-    return vlkStatusOk;
+    return nearestHits({origin, nullptr}, dir, dist, hit, triangle, ctx, block);
 }
 
 vlkStatus intersectMO(const float* const origin[3], const float* const dir[3], float* dist,
@@ -92,11 +101,7 @@ vlkStatus intersectMO(const float* const origin[3], const float* const dir[3], f
                       PacketSize block) noexcept
 {
     if (!origin || !dir || !dist) return vlkStatusNullPtr;
-    if (block.height < 1 || block.width < 1) return vlkStatusOk;
-    Origins o;
-    o.perRay = origin;
-    intersectNearest(o, dir, dist, hit, triangle, *ctx, block);
-    return vlkStatusOk;
+    return nearestHits({nullptr, origin}, dir, dist, hit, triangle, ctx, block);
 }
 
 vlkStatus intersectMultipleSO(const float origin[3], const float* const dir[3], float* dist,

@@ -51,11 +51,9 @@ void reflectRays(const float* const incident[3], const int* mask, const float* c
         using V = decltype(lane);
         const auto take = takes(mask + i, lane);
         V d[3], n[3];
-        for (int c = 0; c < 3; ++c) {
-            d[c] = V::load(incident[c] + i);
-            n[c] = V::load(normal[c] + i);
-        }
-        const V t = (d[1] * n[1] + d[2] * n[2]) + n[0] * d[0];
+        loadPlanes(incident, i, d);
+        loadPlanes(normal, i, n);
+        const V t = dotYZX(d, n);
         const V twice = t + t;
         for (int c = 0; c < 3; ++c) zeroUnless(take, d[c] - n[c] * twice).store(reflected[c] + i);
     });
@@ -72,11 +70,10 @@ void makeShadowRays(const float light[3], const float* factor, const float* cons
         using V = decltype(lane);
         const auto take = takes(mask + i, lane);
         V v[3], n[3];
-        for (int c = 0; c < 3; ++c) {
-            v[c] = V::load(hitPoint[c] + i) - V(light[c]);
-            n[c] = V::load(normal[c] + i);
-        }
-        V t = (v[1] * n[1] + v[2] * n[2]) + v[0] * n[0];
+        loadPlanes(hitPoint, i, v);
+        loadPlanes(normal, i, n);
+        for (int c = 0; c < 3; ++c) v[c] = v[c] - V(light[c]);
+        V t = dotYZX(v, n);
         t = select(abs(t) < V(kInPlane), V(0.0f), t);
         const auto lit = take & (V::load(factor + i) * t > V(0.0f));
         zeroUnless(lit, abs(t)).store(cosine + i);

@@ -82,8 +82,10 @@ void dot(const float* const a[3], const float* const b[3], const int* mask, floa
 {
     forEachLane(len, [&](auto lane, int i) {
         using V = decltype(lane);
-        auto term = [&](int c) { return V::load(a[c] + i) * V::load(b[c] + i); };
-        zeroUnless(takes(mask + i, lane), (term(0) + term(1)) + term(2)).store(dst + i);
+        V u[3], w[3];
+        loadPlanes(a, i, u);
+        loadPlanes(b, i, w);
+        zeroUnless(takes(mask + i, lane), dotXYZ(u, w)).store(dst + i);
     });
 }
 
@@ -95,9 +97,10 @@ void dotChangeNorm(const float* const v[3], const int* mask, float* const normal
     forEachLane(len, [&](auto lane, int i) {
         using V = decltype(lane);
         const auto take = takes(mask + i, lane);
-        V n[3];
-        for (int c = 0; c < 3; ++c) n[c] = V::load(normal[c] + i);
-        const V t = (V::load(v[0] + i) * n[0] + V::load(v[1] + i) * n[1]) + V::load(v[2] + i) * n[2];
+        V n[3], w[3];
+        loadPlanes(normal, i, n);
+        loadPlanes(v, i, w);
+        const V t = dotXYZ(w, n);
         const V sigma = select(t > V(0.0f), V(-1.0f), V(1.0f));
         for (int c = 0; c < 3; ++c) select(take, n[c] * sigma, n[c]).store(normal[c] + i);
         zeroUnless(take, t * sigma).store(dot + i);
@@ -111,8 +114,9 @@ void distAttenuation(const float point[3], const float* const surface[3], const 
     forEachLane(len, [&](auto lane, int i) {
         using V = decltype(lane);
         V delta[3];
-        for (int c = 0; c < 3; ++c) delta[c] = V::load(surface[c] + i) - V(point[c]);
-        const V e = (delta[0] * delta[0] + delta[1] * delta[1]) + delta[2] * delta[2];
+        loadPlanes(surface, i, delta);
+        for (int c = 0; c < 3; ++c) delta[c] = delta[c] - V(point[c]);
+        const V e = dotXYZ(delta, delta);
         const V one(1.0f);
         const auto passedOver = andNot(takes(mask + i, lane), allLanes<V::kLanes>());
         select((e < one) | passedOver, one, sqrt(e)).store(dist + i);

@@ -84,44 +84,38 @@ vlkStatus basisBand(const float* x, const float* y, const float* z, int n, float
     return vlkStatusOk;
 }
 
+namespace {
+
+vlkStatus forwardChecked(const float* x, const float* y, const float* z, Channels src, int n,
+                         float* const coeffs[], int L, const SHContext* state) noexcept
+{
+    if (const auto status = countAndOrder(n, L, *state)) return *status;
+    forward(x, y, z, src, std::size_t(n), coeffs, L, *state);
+    return vlkStatusOk;
+}
+
+}  // namespace
+
 vlkStatus forwardC1I(const float* x, const float* y, const float* z, const float* src, int n,
                      float* coeffs, int L, const SHContext* state) noexcept
 {
     if (!x || !y || !z || !src || !coeffs || !state) return vlkStatusNullPtr;
-    if (const auto status = countAndOrder(n, L, *state)) return *status;
-    Channels channels;
-    channels.interleaved = src;
     float* const out[1] = {coeffs};
-    forward(x, y, z, channels, std::size_t(n), out, L, *state);
-    return vlkStatusOk;
+    return forwardChecked(x, y, z, {src, nullptr, 1}, n, out, L, state);
 }
 
 vlkStatus forwardC3P3I(const float* x, const float* y, const float* z, const float* src, int n,
                        float* const coeffs[3], int L, const SHContext* state) noexcept
 {
-    if (!x || !y || !z || !src || anyNull3(coeffs) ||
-        !state)
-        return vlkStatusNullPtr;
-    if (const auto status = countAndOrder(n, L, *state)) return *status;
-    Channels channels;
-    channels.interleaved = src;
-    channels.count = 3;
-    forward(x, y, z, channels, std::size_t(n), coeffs, L, *state);
-    return vlkStatusOk;
+    if (!x || !y || !z || !src || anyNull3(coeffs) || !state) return vlkStatusNullPtr;
+    return forwardChecked(x, y, z, {src, nullptr, 3}, n, coeffs, L, state);
 }
 
 vlkStatus forwardP3I(const float* x, const float* y, const float* z, const float* const src[3],
                      int n, float* const coeffs[3], int L, const SHContext* state) noexcept
 {
-    if (!x || !y || !z || anyNull3(src) ||
-        anyNull3(coeffs) || !state)
-        return vlkStatusNullPtr;
-    if (const auto status = countAndOrder(n, L, *state)) return *status;
-    Channels channels;
-    channels.planes = src;
-    channels.count = 3;
-    forward(x, y, z, channels, std::size_t(n), coeffs, L, *state);
-    return vlkStatusOk;
+    if (!x || !y || !z || anyNull3(src) || anyNull3(coeffs) || !state) return vlkStatusNullPtr;
+    return forwardChecked(x, y, z, {nullptr, src, 3}, n, coeffs, L, state);
 }
 
 vlkStatus inverseC1(const float* coeffs, int L, const float* x, const float* y, const float* z,
@@ -137,9 +131,7 @@ vlkStatus inverseC1(const float* coeffs, int L, const float* x, const float* y, 
 vlkStatus inverseP3(const float* const coeffs[3], int L, const float* x, const float* y,
                     const float* z, float* const dst[3], int n, const SHContext* state) noexcept
 {
-    if (anyNull3(coeffs) || !x || !y || !z ||
-        anyNull3(dst) || !state)
-        return vlkStatusNullPtr;
+    if (anyNull3(coeffs) || !x || !y || !z || anyNull3(dst) || !state) return vlkStatusNullPtr;
     if (const auto status = countAndOrder(n, L, *state)) return *status;
     inverse(coeffs, 3, L, x, y, z, dst, nullptr, std::size_t(n), *state);
     return vlkStatusOk;
@@ -148,9 +140,7 @@ vlkStatus inverseP3(const float* const coeffs[3], int L, const float* x, const f
 vlkStatus inverseP3C3(const float* const coeffs[3], int L, const float* x, const float* y,
                       const float* z, float* dst, int n, const SHContext* state) noexcept
 {
-    if (anyNull3(coeffs) || !x || !y || !z || !dst ||
-        !state)
-        return vlkStatusNullPtr;
+    if (anyNull3(coeffs) || !x || !y || !z || !dst || !state) return vlkStatusNullPtr;
     if (const auto status = countAndOrder(n, L, *state)) return *status;
     inverse(coeffs, 3, L, x, y, z, nullptr, dst, std::size_t(n), *state);
     return vlkStatusOk;
