@@ -1,21 +1,24 @@
-// Intersection queries against brute force: exactly through the one-leaf tree, and in what
-// they find through SAH trees; misses, masks, layers and degenerate blocks.
+// Intersection queries against a double-precision oracle on random rays, the walks of the
+// different queries against each other bit for bit, recorded bits for fixed rays, masks,
+// layers and degenerate blocks.
 #include <algorithm>
 #include <cfloat>
+#include <cstdint>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "reference/intersect_reference.h"
+#include "reference/ray_oracle.h"
 #include "test_mesh.h"
 #include "vlkr.h"
 
 namespace {
 
-using vlkr::reference::RefHit;
-using vlkr::reference::scan;
+using vlkr::reference::Answer;
+using vlkr::reference::RayOracle;
 using vlkr::test::bitsOf;
 using vlkr::test::Mesh;
 using vlkr::test::Scene;
@@ -98,12 +101,34 @@ void expectSameBits(const Rays& a, const Rays& b, const std::string& what)
     }
 }
 
-TEST(IntersectNearest, MatchesBruteForce)
+// How many rays the oracle decided, and how many of those hit.
+struct Tally {
+    int decided = 0, hits = 0;
+};
+
+// A nearest hit (or miss) against the oracle: exact triangle and close numbers where it is
+// decided, a real crossing where it is not.
+void expectNearest(const RayOracle& oracle, const Answer& want, const float o[3],
+                   const float d[3], int tri, float t, float p, float q, Tally& tally)
 {
-    // Eye rays, or with perRay rays from origins inside and outside the mesh. Through the
-    // one-leaf tree the hits are exact; through a SAH tree two triangles at exactly the same
-    // distance may come in either order. Eye rays share a walk in fours; the same rays with
-    // the origin given per ray, or as one layer, walk one by one and give the same bits.
+    if (!want.decided) {
+        if (tri >= 0) EXPECT_TRUE(oracle.isCrossing(o, d, tri, t, p, q)) << "undecided, " << tri;
+        return;
+    }
+    ++tally.decided;
+    ASSERT_EQ(tri, want.hit ? want.crossing.tri : -1);
+    if (!want.hit) return;
+    ++tally.hits;
+    EXPECT_TRUE(RayOracle::near(want.crossing.t, t, 1e-4)) << want.crossing.t << " " << t;
+    EXPECT_NEAR(p, want.crossing.a, 1e-3);
+    EXPECT_NEAR(q, want.crossing.b, 1e-3);
+}
+
+TEST(IntersectNearest, AgreesWithTheOracleAndEveryWalkGivesTheSameBits)
+{
+    // Eye rays, or with perRay rays from origins inside and outside the mesh. Eye rays share a
+    // walk in fours; the same rays with the origin given per ray, or as one layer, walk one by
+    // one and must give the same bits.
     std::mt19937 rng(101);
     const struct {
         Mesh mesh;
@@ -118,27 +143,25 @@ TEST(IntersectNearest, MatchesBruteForce)
                  {testSoup(rng, 1500), KDTreeBuildSAH, true}};
     for (const auto& c : cases) {
         const Scene s(c.mesh, c.mode);
+        const RayOracle oracle(c.mesh);
         const float eye[3] = {s.box[3] + 7.0f, s.box[4] + 3.0f, s.box[2] - 9.0f};
         Rays r = c.perRay ? randomRays(rng, nullptr, s.box, 40, 40)
                           : randomRays(rng, eye, s.box, 61, 47);
-        Rays want = r, perRay = r, layer = r;
+        const Rays in = r;
+        Rays perRay = r, layer = r;
         ASSERT_EQ(r.eye(c.perRay ? nullptr : eye, s), vlkStatusOk);
-        int hits = 0;
+        Tally tally;
         for (std::size_t i = 0; i < r.size(); ++i) {
             const float o[3] = {r.o[0][i], r.o[1][i], r.o[2][i]};
             const float d[3] = {r.d[0][i], r.d[1][i], r.d[2][i]};
-            RefHit h;
-            if (vlkr::reference::boxSegment(s.box, o, d, want.dist[i]))
-                h = scan(s.accel, o, d, want.dist[i]);
-            if (c.mode == KDTreeBuildSAH && h.hit && r.tri[i] != h.tri && r.dist[i] == h.t)
-                h = {true, h.t, r.p[i], r.q[i], r.tri[i]};  // a tie
-            hits += h.hit;
-            want.tri[i] = h.tri;
-            if (h.hit) want.dist[i] = h.t, want.p[i] = h.p, want.q[i] = h.q;
+            const float* from = c.perRay ? o : eye;
+            expectNearest(oracle, oracle.nearest(from, d, 0.0, in.dist[i]), from, d, r.tri[i],
+                          r.dist[i], r.p[i], r.q[i], tally);
+            if (r.tri[i] < 0) EXPECT_EQ(bitsOf(r.dist[i]), bitsOf(in.dist[i]));
         }
-        expectSameBits(r, want, "brute force");
-        EXPECT_GT(hits, int(r.size()) / 8);
-        EXPECT_LT(hits, int(r.size()));
+        EXPECT_GT(tally.decided, int(r.size()) / 2);  // coplanar flats tie often
+        EXPECT_GT(tally.hits, int(r.size()) / 8);
+        EXPECT_LT(tally.hits, tally.decided);
         if (c.perRay) continue;
         perRay.eye(nullptr, s);
         expectSameBits(perRay, r, "per-ray origins");
@@ -164,6 +187,44 @@ TEST(IntersectNearest, EdgesAndCornersCount)
     ASSERT_EQ(r.eye(nullptr, s), vlkStatusOk);
     EXPECT_EQ(r.tri, (std::vector<int>{0, 0, 0, 1}));
     EXPECT_EQ(r.dist, std::vector<float>(4, 2.0f));
+}
+
+TEST(IntersectNearest, FixedRaysGiveTheirRecordedBits)
+{
+    // The triangle test's order of operations decides the last bits of every hit: eight rays
+    // through three triangles, walked as packets (one origin) and one by one (per-ray origins).
+    Mesh m;
+    const float corners[3][9] = {{-1.3f, -0.7f, 2.1f, 0.2f, -0.9f, 2.6f, -0.5f, 1.9f, 1.7f},
+                                 {-2.1f, 0.3f, 3.3f, 0.9f, -1.7f, 3.9f, 1.1f, 1.3f, 2.9f},
+                                 {-0.6f, -1.1f, 4.7f, 2.3f, 0.1f, 5.2f, -0.4f, 2.2f, 4.4f}};
+    for (const float* t : corners) m.add(t);
+    const Scene s(m, KDTreeBuildSimple);
+    const float eye[3] = {0.13f, 0.27f, -3.1f};
+    const struct {
+        int tri;
+        std::uint32_t t, p, q;
+    } want[8] = {{-1, 0x7F7FC99E, 0, 0},
+                 {0, 0x409A7AA6, 0x3E3F7586, 0x3C8C8B20},
+                 {0, 0x409E90C5, 0x3CC6B13E, 0x3E9C0C93},
+                 {1, 0x40C0472D, 0x3EA7F748, 0x3DE4F966},
+                 {1, 0x40C2ACD4, 0x3E384943, 0x3EA7EA07},
+                 {-1, 0x40980000, 0, 0},  // cut short at 4.75
+                 {-1, 0x7F7FC99E, 0, 0},
+                 {-1, 0x7F7FC99E, 0, 0}};
+    for (bool perRay : {false, true}) {
+        Rays r(8, 1);
+        for (int i = 0; i < 8; ++i) {
+            for (int k = 0; k < 3; ++k) r.o[k][i] = eye[k];
+            r.d[0][i] = -0.23f + 0.071f * float(i), r.d[1][i] = 0.31f - 0.083f * float(i);
+            r.d[2][i] = 1.0f + 0.013f * float(i);
+            r.dist[i] = i == 5 ? 4.75f : 3.4e38f, r.p[i] = r.q[i] = 0.0f;
+        }
+        ASSERT_EQ(r.eye(perRay ? nullptr : eye, s), vlkStatusOk);
+        for (int i = 0; i < 8; ++i)
+            EXPECT_EQ(std::make_tuple(r.tri[i], bitsOf(r.dist[i]), bitsOf(r.p[i]), bitsOf(r.q[i])),
+                      std::make_tuple(want[i].tri, want[i].t, want[i].p, want[i].q))
+                << "ray " << i << (perRay ? " per-ray" : " packet");
+    }
 }
 
 TEST(IntersectChecks, NullPointersInArgumentOrderAndEmptyBlocks)
@@ -218,16 +279,20 @@ TEST(IntersectAny, FirstOccluderInIndexOrderOnlyStrictlyBetweenZeroAndOne)
         for (int& m : r.mask) m = maskValue(rng);
         const std::vector<int> maskIn = r.mask;
         ASSERT_EQ(r.any(light, s), vlkStatusOk);
+        // Through one leaf the first occluder in index order is reported; through a tree, any.
+        const RayOracle oracle(s.mesh);
         int occluded = 0;
         for (std::size_t i = 0; i < r.size(); ++i) {
             const float d[3] = {r.d[0][i], r.d[1][i], r.d[2][i]};
-            const int want = maskIn[i] < 0 ? -1 : scan(s.accel, light, d, 1, true).tri;
+            const Answer want = oracle.nearest(light, d, 0.0, 1.0, {}, mode == KDTreeBuildSimple);
+            if (maskIn[i] >= 0 && !want.decided) continue;
+            const int expected = maskIn[i] < 0 || !want.hit ? -1 : want.crossing.tri;
             if (mode == KDTreeBuildSimple)
-                EXPECT_EQ(r.tri[i], want) << i;
+                EXPECT_EQ(r.tri[i], expected) << i;
             else
-                EXPECT_EQ(r.tri[i] >= 0, want >= 0) << i;
-            EXPECT_EQ(r.mask[i], want >= 0 ? -1 : maskIn[i]) << i;
-            occluded += want >= 0;
+                EXPECT_EQ(r.tri[i] >= 0, expected >= 0) << i;
+            EXPECT_EQ(r.mask[i], expected >= 0 ? -1 : maskIn[i]) << i;
+            occluded += expected >= 0;
         }
         EXPECT_GT(occluded, 20);
     }
@@ -252,31 +317,33 @@ TEST(IntersectAny, FirstOccluderInIndexOrderOnlyStrictlyBetweenZeroAndOne)
 
 // ------------------------------------------------------------------ layers
 
-// Layers by the rules, over all triangles in index order (what a one-leaf tree does): each
-// layer starts at the last hit and skips it and the hits before it still in the ring of eight.
-void referenceLayers(const Scene& s, Rays& r, std::size_t i)
+// Layers by the rules, against the oracle: each layer starts at the last hit and passes over
+// it and the hits before it still in the ring of eight. Stops checking at the first layer the
+// oracle leaves undecided, since every later one depends on it.
+void expectLayers(const RayOracle& oracle, const Rays& in, const Rays& r, const float eye[3],
+                  std::size_t i, Tally& tally)
 {
     const std::size_t plane = r.size();
-    for (int l = 0; l < r.layers; ++l) r.tri[l * plane + i] = -1;
-    float o[3] = {r.o[0][i], r.o[1][i], r.o[2][i]};
     const float d[3] = {r.d[0][i], r.d[1][i], r.d[2][i]};
-    if (!vlkr::reference::boxSegment(s.box, o, d, r.dist[i])) return;
+    double lo = 0.0, hi = in.dist[i];
     int ring[8], previous = -1;
     for (int layer = 1; layer <= r.layers; ++layer) {
         const std::size_t at = (layer - 1) * plane + i;
         std::vector<int> skip(ring, ring + (layer - 1) % 8);
         skip.push_back(previous);
-        const RefHit h = scan(s.accel, o, d, r.dist[at], false, skip);
-        if (!h.hit) return;
-        r.tri[at] = h.tri, r.p[at] = h.p, r.q[at] = h.q;
-        r.dist[at] = layer > 1 ? h.t + r.dist[at - plane] : h.t;
-        for (int k = 0; k < 3; ++k) o[k] = o[k] + d[k] * h.t;
-        ring[(layer - 1) % 8] = previous = h.tri;
-        if (layer < r.layers) r.dist[at + plane] = FLT_MAX;
+        const Answer want = oracle.nearest(eye, d, lo, hi, skip);
+        if (!want.decided) return;
+        expectNearest(oracle, want, eye, d, r.tri[at], r.dist[at], r.p[at], r.q[at], tally);
+        if (!want.hit) {
+            for (int rest = layer; rest < r.layers; ++rest) ASSERT_EQ(r.tri[rest * plane + i], -1);
+            return;
+        }
+        lo = want.crossing.t, hi = HUGE_VAL;
+        ring[(layer - 1) % 8] = previous = want.crossing.tri;
     }
 }
 
-TEST(IntersectLayers, MatchBruteForceLayerByLayer)
+TEST(IntersectLayers, AgreeWithTheOracleLayerByLayer)
 {
     std::mt19937 rng(505);
     // Stacked parallel sheets so that rays cross many layers, some beyond the ring of eight.
@@ -288,18 +355,23 @@ TEST(IntersectLayers, MatchBruteForceLayerByLayer)
                                   {-3, -3, z, 3, 3, z, -3, 3, z - 0.1f}};
         for (const float* t : quad) m.add(t);
     }
-    const Scene s(m, KDTreeBuildSimple);
+    const RayOracle oracle(m);
     const float eye[3] = {0.1f, -0.2f, -5.0f};
-    for (int layers : {1, 3, 10, 14}) {
-        Rays r = randomRays(rng, eye, s.box, 12, 10, layers), want = r;
-        ASSERT_EQ(r.multiple(eye, s), vlkStatusOk);
-        for (std::size_t i = 0; i < r.size(); ++i) referenceLayers(s, want, i);
-        if (layers >= 10) {  // hits past the ring of eight
-            EXPECT_GT(std::count_if(r.tri.begin() + 9 * r.size(), r.tri.begin() + 10 * r.size(),
-                                    [](int t) { return t >= 0; }),
-                      10);
+    for (unsigned mode : {KDTreeBuildSimple, KDTreeBuildSAH}) {
+        const Scene s(m, mode);
+        for (int layers : {1, 3, 10, 14}) {
+            Rays r = randomRays(rng, eye, s.box, 12, 10, layers);
+            const Rays in = r;
+            ASSERT_EQ(r.multiple(eye, s), vlkStatusOk);
+            Tally tally;
+            for (std::size_t i = 0; i < r.size(); ++i) expectLayers(oracle, in, r, eye, i, tally);
+            EXPECT_GT(tally.hits, int(r.size()) * std::min(layers, 4) / 2) << layers;
+            if (layers >= 10) {  // hits past the ring of eight
+                EXPECT_GT(std::count_if(r.tri.begin() + 9 * r.size(),
+                                        r.tri.begin() + 10 * r.size(), [](int t) { return t >= 0; }),
+                          10);
+            }
         }
-        expectSameBits(r, want, "layers " + std::to_string(layers));
     }
 }
 
