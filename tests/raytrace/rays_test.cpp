@@ -42,7 +42,7 @@ TEST(ShadowRays, MatchModelAndLeaveTheLightUnchecked)
     everyLength(203, [](Trial& t) {
         const auto light = t.shared(3), s = t.values(t.n), c = t.values(t.n, Role::Out);
         const auto n = t.triple(), h = t.triple(), d = t.triple(Role::Out), m = t.masks();
-        // Some rays hit next to the light's plane along one axis, where the one-degree
+        // Some rays hit next to the light's plane along one axis, where the in-plane
         // tolerance decides; with the light at the origin their v . n is exactly +-offset.
         if (t.chance(0.3))
             for (int k = 0; k < 3; ++k) t.set(light.k, k, 0.0f);

@@ -56,7 +56,9 @@ inline vlkStatus castReflectionRay(const float* const d[3], const int* mask,
     return vlkStatusOk;
 }
 
-constexpr float kShadowTolerance = 0.0017453292f;  // pi/180: a smaller |v . n| counts as 0
+// pi / 1800: a smaller |v . n| counts as 0. v . n is unnormalised, so this is a distance of the
+// light from the surface plane (for a unit normal), not an angle.
+constexpr float kShadowTolerance = 0.0017453292f;
 
 inline vlkStatus castShadow(const float light[3], const float* s, const float* const n[3],
                             const float* const h[3], int* mask, float* c, float* const dir[3],
