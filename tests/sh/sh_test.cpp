@@ -252,7 +252,15 @@ TEST(SHTransform, ForwardAccumulatesAndScalesExactly)
     EXPECT_EQ(coeffs, (std::vector<float>{2 * y00, 0.0f, 2 * y10, 0.0f}));
 }
 
-TEST(SHTransform, ThreeChannelFormsEqualThreeSingleCalls)
+// The inverse's dot product in its stated order: eight interleaved partial sums, then pairwise.
+float dotInEights(const float* a, const float* b, int count)
+{
+    float part[8] = {};
+    for (int k = 0; k < count; ++k) part[k % 8] = part[k % 8] + a[k] * b[k];
+    return ((part[0] + part[4]) + (part[1] + part[5])) + ((part[2] + part[6]) + (part[3] + part[7]));
+}
+
+TEST(SHTransform, ThreeChannelFormsEqualThreeSingleCallsAndTheInverseSumsInEights)
 {
     const Directions d = directions(77, 11);
     const float *x = d.x.data(), *y = d.y.data(), *z = d.z.data();
@@ -284,7 +292,9 @@ TEST(SHTransform, ThreeChannelFormsEqualThreeSingleCalls)
             EXPECT_EQ(bitsOf(viaP3[c][k]), bitsOf(single[c][k]));
         }
         vlkrSHTInv_32f_C1(coeffs[c], 7, x, y, z, one.data(), n, s.ctx);
+        const std::vector<float> basis = evaluate(d, 7, s.ctx);
         for (int i = 0; i < n; ++i) {
+            EXPECT_EQ(bitsOf(one[i]), bitsOf(dotInEights(&basis[i * count], coeffs[c], count)));
             EXPECT_EQ(bitsOf(back[c][i]), bitsOf(one[i]));
             EXPECT_EQ(bitsOf(interleaved[3 * i + c]), bitsOf(one[i]));
         }
