@@ -92,35 +92,4 @@ TEST(EyeRays, BlockTwoOneOfEightByEightStartsAtPixelSixteenEight)
     EXPECT_EQ(bits(x[9], y[9], z[9]), bits(17, 9, 1));
 }
 
-TEST(ShadowRays, LightInTheSurfacePlaneLeavesTheRayUnlit)
-{
-    const float light[3] = {}, s[] = {1}, zero[] = {0}, one[] = {1}, hx[] = {1}, hy[] = {2};
-    int mask[] = {0};
-    float c[] = {9}, dx[] = {9}, dy[] = {9}, dz[] = {9};
-    const float* const n[3] = {zero, zero, one};
-    const float* const h[3] = {hx, hy, zero};
-    float* const d[3] = {dx, dy, dz};
-    ASSERT_EQ(vlkrCastShadowSO_32f(light, s, n, h, mask, c, d, 1), vlkStatusOk);
-    EXPECT_EQ(mask[0], -1);
-    EXPECT_EQ(bits(c[0], dx[0], dy[0], dz[0]), bits(0, 0, 0, 0));
-}
-
-TEST(HitPoints, EpsOneGivesOriginPlusDistanceAlongDirectionAndPassedOverZero)
-{
-    const float origin[3] = {1, 2, 3}, ox[] = {1, 1}, oy[] = {2, 2}, oz[] = {3, 3}, dx[] = {1, 1},
-                dy[] = {0, 0}, dz[] = {-2, -2}, t[] = {2, 2};
-    const int mask[] = {0, -1};
-    const float* const o[3] = {ox, oy, oz};
-    const float* const d[3] = {dx, dy, dz};
-    for (bool perRay : {false, true}) {
-        float px[] = {7, 7}, py[] = {7, 7}, pz[] = {7, 7};
-        float* const p[3] = {px, py, pz};
-        ASSERT_EQ(perRay ? vlkrHitPoint3DEpsM0_32f_M(o, d, t, mask, p, 2, 1.0f)
-                         : vlkrHitPoint3DEpsS0_32f_M(origin, d, t, mask, p, 2, 1.0f),
-                  vlkStatusOk);
-        EXPECT_EQ(bits(px[0], py[0], pz[0], px[1], py[1], pz[1]), bits(3, 2, -1, 0, 0, 0))
-            << perRay;
-    }
-}
-
 }  // namespace
