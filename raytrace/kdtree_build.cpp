@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "build_memory.h"
+#include "kdtree_node.h"
 
 namespace vlkr::raytrace {
 namespace {
@@ -468,7 +469,7 @@ private:
     {
         const std::size_t n = end - begin;
         if (n == 0) {
-            nodes_[node] = KDTreeNode{INT_MIN, 0};
+            nodes_[node] = emptyLeaf();
             return true;
         }
         Split split;
@@ -480,11 +481,8 @@ private:
         const std::size_t pair = nodeCount_;
         if (pair + 2 > (std::size_t(INT_MAX) >> 3) || !nodes_.reserve(pair + 2)) return false;
         nodeCount_ += 2;
-        std::int32_t link = static_cast<std::int32_t>((pair - node) * sizeof(KDTreeNode));
-        KDTreeNode inner;
-        inner.link = link | split.axis;
-        std::memcpy(&inner.data, &split.pos, 4);
-        nodes_[node] = inner;
+        const std::size_t pairOffset = (pair - node) * sizeof(KDTreeNode);
+        nodes_[node] = innerNode(static_cast<std::int32_t>(pairOffset), split.axis, split.pos);
 
         // Partition in place into [below | both | above].
         std::size_t lowEnd = begin, highBegin = end;
@@ -530,20 +528,10 @@ private:
         for (std::size_t i = 0; i < n; ++i) tris[i] = refs_[begin + i].tri;
         std::sort(tris, tris + n);
 
-        constexpr std::uint32_t kLeafBit = 0x80000000u;
-        auto compact = [&](std::uint32_t link, std::uint32_t data) {
-            nodes_[node] = KDTreeNode{static_cast<int>(link), static_cast<int>(data)};
+        KDTreeNode compact;
+        if (compactLeaf(tris, n, compact)) {
+            nodes_[node] = compact;
             return true;
-        };
-        const std::uint32_t t0 = std::uint32_t(tris[0]);
-        if (n == 1) return compact(kLeafBit | t0, kLeafBit | 1u);
-        if (n == 2 && std::uint32_t(tris[1]) < (1u << 29))
-            return compact(kLeafBit | t0, kLeafBit | std::uint32_t(tris[1]) << 2 | 2u);
-        if (n == 3) {
-            const std::uint32_t m = std::uint32_t(tris[1]);
-            const std::uint32_t below = m - t0, above = std::uint32_t(tris[2]) - m;
-            if (m < (1u << 29) && below < (1u << 15) && above < (1u << 16))
-                return compact(kLeafBit | below << 16 | above, kLeafBit | m << 2 | 3u);
         }
 
         // Longer lists follow the node, padded to whole nodes so every node stays 8-aligned.
@@ -554,10 +542,10 @@ private:
         nodeCount_ += slots;
         for (std::size_t s = 0; s < slots; ++s) {
             const int second = 2 * s + 1 < n ? tris[2 * s + 1] : 0;
-            nodes_[list + s] = KDTreeNode{tris[2 * s], second};
+            nodes_[list + s] = listPair(tris[2 * s], second);
         }
         const std::int32_t offset = static_cast<std::int32_t>((list - node) * sizeof(KDTreeNode));
-        nodes_[node] = KDTreeNode{-offset, static_cast<int>(n)};
+        nodes_[node] = listLeaf(offset, static_cast<int>(n));
         return true;
     }
 
@@ -585,8 +573,7 @@ vlkStatus buildSimpleTree(KDTreeNode** tree, int triangleCount, int* treeSize) n
     auto* root = static_cast<KDTreeNode*>(vlkMalloc(static_cast<int>(bytes)));
     if (!root) return vlkStatusNoMemory;
     std::memset(root, 0, static_cast<std::size_t>(bytes));
-    root->link = -16;  // the list starts two nodes after the root
-    root->data = triangleCount;
+    *root = listLeaf(2 * sizeof(KDTreeNode), triangleCount);  // the list starts two nodes after it
     int* list = reinterpret_cast<int*>(root + 2);
     for (int t = 0; t < triangleCount; ++t) list[t] = t;
     *tree = root;

@@ -2,9 +2,9 @@
 #pragma once
 
 #include <cstdint>
-#include <cstring>
 
 #include "frame/lanes.h"
+#include "kdtree_node.h"
 #include "vlkr.h"
 
 namespace vlkr::raytrace {
@@ -92,47 +92,6 @@ inline void setUpOcclusion(Ray& r) noexcept
     r.tfar = kOcclusionFar;
 }
 
-inline const KDTreeNode* childPair(const KDTreeNode* node) noexcept
-{
-    return reinterpret_cast<const KDTreeNode*>(reinterpret_cast<const char*>(node) +
-                                               (node->link & ~7));
-}
-
-inline float splitOf(const KDTreeNode* node) noexcept
-{
-    float s;
-    std::memcpy(&s, &node->data, 4);
-    return s;
-}
-
-// The triangle numbers of a leaf: a pointer into the tree, or into `local` for the forms
-// that hold up to three numbers in the node itself.
-inline int leafTriangles(const KDTreeNode* node, int local[3], const int** list) noexcept
-{
-    const int data = node->data;
-    if (data == 0) return 0;
-    if (data > 0) {
-        *list = reinterpret_cast<const int*>(reinterpret_cast<const char*>(node) -
-                                             (node->link & ~3));
-        return data;
-    }
-    const std::uint32_t k = std::uint32_t(node->link) & 0x7FFFFFFFu;
-    const std::uint32_t m = (std::uint32_t(data) & 0x7FFFFFFCu) >> 2;
-    const int count = data & 3;
-    if (count == 1) {
-        local[0] = int(k);
-    } else if (count == 2) {
-        local[0] = int(k);
-        local[1] = int(m);
-    } else if (count == 3) {
-        local[0] = int(m - (k >> 16));
-        local[1] = int(m);
-        local[2] = int(m + (k & 0xFFFFu));
-    }
-    *list = local;
-    return count;
-}
-
 /*
  * Projected ray/triangle test, written once for one ray or four. The record stores the plane
  * as w = C[w] - nu (u - C[u]) - nv (v - C[v]) and the edge functions scaled by 1 / N[w], so
@@ -185,8 +144,8 @@ void walkTree(const KDTreeNode* root, const TriangleAccel* accel, float epsilon,
     float tnear = r.tnear, tfar = r.tfar;
     const lanes::Float1 o[3] = {r.o[0], r.o[1], r.o[2]}, d[3] = {r.d[0], r.d[1], r.d[2]};
     for (;;) {
-        while (node->link >= 0) {
-            const int axis = node->link & 3;
+        while (isInner(node)) {
+            const int axis = splitAxis(node);
             const float t = (splitOf(node) - r.o[axis]) * r.inv[axis];
             const KDTreeNode* pair = childPair(node);
             const KDTreeNode* nearChild = pair + r.sign[axis];

@@ -80,8 +80,8 @@ void walkPacket(const KDTreeNode* root, const TriangleAccel* accel, float epsilo
     int alive = lanes, active = lanes;
     __m128 tnear = r.tnear, tfar = r.tfar;
     for (;;) {
-        while (node->link >= 0) {
-            const int axis = node->link & 3;
+        while (isInner(node)) {
+            const int axis = splitAxis(node);
             const __m128 t =
                 _mm_mul_ps(_mm_sub_ps(_mm_set1_ps(splitOf(node)), r.o[axis].v), r.inv[axis]);
             const KDTreeNode* pair = childPair(node);

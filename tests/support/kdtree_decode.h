@@ -1,6 +1,7 @@
-// Decoder and checker for k-d tree blocks from vlkrKDTreeBuildAlloc, shared by the tests and
-// the benchmarks: structural validity, leaf boxes, SAH cost and, given the mesh, whether each
-// triangle is listed in every leaf it crosses. Plain C++17, no test framework.
+// Checker for k-d tree blocks from vlkrKDTreeBuildAlloc, shared by the tests and the
+// benchmarks: structural validity, leaf boxes, SAH cost and, given the mesh, whether each
+// triangle is listed in every leaf it crosses. Nodes are read with the library's own node
+// decoding (raytrace/kdtree_node.h). Plain C++17, no test framework.
 #pragma once
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "raytrace/kdtree_node.h"
 #include "vlkr.h"
 
 namespace vlkr::test {
@@ -137,10 +139,10 @@ inline TreeInfo decodeTree(const KDTreeNode* root, int treeSize, const float roo
         KDTreeNode n;
         std::memcpy(&n, base + off, sizeof n);
         const double weight = rootArea > 0.0 ? boxArea(box) / rootArea : 1.0;
-        if (n.link >= 0) {
-            const int axis = n.link & 3;
-            float split, below[6], above[6];
-            std::memcpy(&split, &n.data, 4);
+        if (raytrace::isInner(&n)) {
+            const int axis = raytrace::splitAxis(&n);
+            const float split = raytrace::splitOf(&n);
+            float below[6], above[6];
             if (axis == 3 || !std::isfinite(split) || split < box[axis] || split > box[axis + 3])
                 return fail(off, " splits axis " + std::to_string(axis) + " at " +
                                      std::to_string(split) + ", outside its box");
@@ -154,13 +156,13 @@ inline TreeInfo decodeTree(const KDTreeNode* root, int treeSize, const float roo
                 if (t->lo[axis] <= split) low.push_back(t);
                 if (t->hi[axis] >= split) high.push_back(t);
             }
-            const long long child = off + (n.link & ~7);
+            const long long child = off + raytrace::childPairOffset(&n);
             return visit(child, depth + 1, below, low) && visit(child + 8, depth + 1, above, high);
         }
         TreeLeaf leaf;
         std::copy(box, box + 6, leaf.box);
-        if (n.data > 0) {  // n.data indices from (link & ~3) bytes back, which lie past the node
-            const long long start = off - (n.link & ~3), end = start + 4LL * n.data;
+        if (n.data > 0) {  // a list of n.data numbers, which must lie past the node
+            const long long start = off - raytrace::listBackOffset(&n), end = start + 4LL * n.data;
             if (start < off + 8 || end > treeSize)
                 return fail(off, " lists triangles at bytes " + std::to_string(start) + ".." +
                                      std::to_string(end) + ", not after it in the tree");
@@ -171,10 +173,9 @@ inline TreeInfo decodeTree(const KDTreeNode* root, int treeSize, const float roo
             leaf.triangles.resize(n.data);
             std::memcpy(leaf.triangles.data(), base + start, 4 * static_cast<size_t>(n.data));
         } else if (n.data < 0) {  // one to three indices packed into the node
-            const int count = n.data & 3;
-            const long long m = (n.data & 0x7FFFFFFC) >> 2, k = n.link & 0x7FFFFFFF;
+            int t[3];
+            const int count = raytrace::compactLeafTriangles(&n, t);
             if (count == 0) return fail(off, " is a compact leaf of zero triangles");
-            const long long t[3] = {count == 3 ? m - (k >> 16) : k, m, m + (k & 0xFFFF)};
             leaf.triangles.assign(t, t + count);
         } else {
             ++info.emptyLeaves;
