@@ -168,6 +168,160 @@ float* sortAscending(float* list, float* spare, std::size_t n)
 }
 
 // ---------------------------------------------------------------------------------------
+// The plane search on one axis
+
+// What costing a plane on one axis needs to know of the node.
+struct AxisFrame {
+    double lo, hi, extent;  // the node's span on the axis
+    double ea, eb;          // its extents on the other two axes
+    double h;               // the side-face term: cross-section area over half its perimeter
+    std::size_t n;          // the node's reference count
+    double nf;              // the count as the costs use it, rounded through float
+};
+
+// Fills the frame of `axis`; false when the node is too thin on it to split.
+bool frameAxis(int axis, const Box& box, std::size_t n, AxisFrame& ax)
+{
+    ax.lo = box.lo[axis];
+    ax.hi = box.hi[axis];
+    ax.extent = ax.hi - ax.lo;
+    if (!(ax.extent > kMinExtent)) return false;
+    const int a1 = (axis + 1) % 3, a2 = (axis + 2) % 3;
+    ax.ea = double(box.hi[a1]) - box.lo[a1];
+    ax.eb = double(box.hi[a2]) - box.lo[a2];
+    const double ab = ax.ea * ax.eb;
+    ax.h = ab < kTinyFaceArea ? 0.0 : ab / (ax.ea + ax.eb);
+    ax.n = n;
+    ax.nf = double(float(n));
+    return true;
+}
+
+// The candidate planes of one axis: both bounds of every reference with extent on it, the
+// position of every reference flat in it, and the lowest and highest bound of all. Each list
+// has room for one more entry, the sweep's end marker.
+struct Candidates {
+    float* starts;
+    float* ends;
+    float* flats;
+    float* spare;  // the radix sort's second buffer
+    std::size_t ns = 0, nflat = 0;
+    float lowest = INFINITY, highest = -INFINITY;
+};
+
+// The cost of cutting off the empty space below the lowest or above the highest bound,
+// whichever is cheaper, with the cut's position in `cut`; kNoCost when neither slab is more
+// than a tenth of the node.
+double emptySpaceCost(const AxisFrame& ax, const Candidates& c, Split& cut)
+{
+    const double lo = ax.lo, hi = ax.hi, extent = ax.extent, h = ax.h, nf = ax.nf;
+    double emptyCost = kNoCost;
+    if (c.lowest - lo > kEmptyFraction * extent) {
+        emptyCost = nf * ((hi - c.lowest) + h);
+        cut.pos = c.lowest;
+        cut.flatsLow = false;
+    }
+    if (hi - c.highest > kEmptyFraction * extent) {
+        const double above = nf * ((c.highest - lo) + h);
+        if (above < emptyCost) {
+            emptyCost = above;
+            cut.pos = c.highest;
+            cut.flatsLow = true;
+        }
+    }
+    return emptyCost;
+}
+
+// Sorts the three lists ascending, each sort taking the buffer the one before left free.
+void sortCandidates(Candidates& c)
+{
+    float* spare = c.spare;
+    float* sorted = sortAscending(c.starts, spare, c.ns);
+    if (sorted == spare) spare = c.starts;
+    c.starts = sorted;
+    sorted = sortAscending(c.ends, spare, c.ns);
+    if (sorted == spare) spare = c.ends;
+    c.ends = sorted;
+    c.flats = sortAscending(c.flats, spare, c.nflat);
+}
+
+// The cheapest plane of one axis so far, by its cost before the (a + b) factor; it writes the
+// plane's position and side for flats into the axis's Split.
+class CheapestPlane {
+public:
+    CheapestPlane(const AxisFrame& ax, Split& out) noexcept : ax_(ax), out_(out) {}
+
+    void consider(double cost, float pos, bool flatsLow, std::size_t nl, std::size_t nr) noexcept
+    {
+        // A plane that leaves one child with everything and the whole box is no split.
+        if ((nl == ax_.n && pos >= ax_.hi) || (nr == ax_.n && pos <= ax_.lo)) return;
+        if (!(cost < cost_)) return;
+        cost_ = cost;
+        out_.pos = pos;
+        out_.flatsLow = flatsLow;
+    }
+    double cost() const noexcept { return cost_; }
+
+private:
+    const AxisFrame& ax_;
+    Split& out_;
+    double cost_ = kNoCost;
+};
+
+// Planes at flat triangles lying on the node's own faces, which take the face discount.
+void considerFlatsOnFaces(const AxisFrame& ax, const Candidates& c, CheapestPlane& cheapest)
+{
+    const double lo = ax.lo, hi = ax.hi, h = ax.h;
+    const std::size_t n = ax.n, nflat = c.nflat;
+    const float* sortedFlats = c.flats;
+    if (nflat > 0 && sortedFlats[0] == lo) {
+        std::size_t k = 0;
+        while (k < nflat && sortedFlats[k] == lo) ++k;
+        const double f = sortedFlats[0];
+        cheapest.consider(kFacePreference * (((f - lo) + h) * double(float(k)) +
+                                             ((hi - f) + h) * double(float(n - k))),
+                          sortedFlats[0], true, k, n - k);
+    }
+    if (nflat > 0 && sortedFlats[nflat - 1] == hi) {
+        std::size_t k = 0;
+        while (k < nflat && sortedFlats[nflat - 1 - k] == hi) ++k;
+        const double f = sortedFlats[nflat - 1];
+        cheapest.consider(kFacePreference * (((f - lo) + h) * double(float(n - k)) +
+                                             ((hi - f) + h) * double(float(k))),
+                          sortedFlats[nflat - 1], false, n - k, k);
+    }
+}
+
+// Sweeps every distinct bound of the sorted lists in ascending order and costs the plane
+// there, with the flat triangles at it above and then below; +inf ends each list.
+void sweepPlanes(const AxisFrame& ax, const Candidates& c, CheapestPlane& cheapest)
+{
+    const double lo = ax.lo, hi = ax.hi, h = ax.h;
+    const std::size_t n = ax.n;
+    float* sortedStarts = c.starts;
+    float* sortedEnds = c.ends;
+    float* sortedFlats = c.flats;
+    sortedStarts[c.ns] = INFINITY;
+    sortedEnds[c.ns] = INFINITY;
+    sortedFlats[c.nflat] = INFINITY;
+    std::size_t is = 0, ie = 0, iflat = 0;
+    for (;;) {
+        const float p = std::min(std::min(sortedStarts[is], sortedEnds[ie]), sortedFlats[iflat]);
+        if (p == INFINITY) break;
+        while (sortedEnds[ie] <= p) ++ie;
+        std::size_t m = 0;
+        while (sortedFlats[iflat + m] == p) ++m;
+        const std::size_t nl = is + iflat, nr = n - ie - iflat;
+        const double l = (double(p) - lo) + h, r = (hi - double(p)) + h;
+        cheapest.consider(double(float(nl)) * l + double(float(nr)) * r, p, false, nl, nr);
+        if (m > 0)
+            cheapest.consider(double(float(nl + m)) * l + double(float(nr - m)) * r, p, true,
+                              nl + m, nr - m);
+        while (sortedStarts[is] <= p) ++is;
+        iflat += m;
+    }
+}
+
+// ---------------------------------------------------------------------------------------
 // The builder
 
 /*
@@ -312,121 +466,48 @@ private:
         return s.recorded + threshold / double(float(n)) < leaf;
     }
 
+    // Offers `best` the cheapest plane on `axis`: a cut of empty space when one is worth
+    // making, else the cheapest of the planes at flat faces and of the sweep.
     void findSplitOnAxis(int axis, std::size_t begin, std::size_t end, const Box& box,
                          Split& best) noexcept
     {
-        const double lo = box.lo[axis], hi = box.hi[axis];
-        const double extent = hi - lo;
-        if (!(extent > kMinExtent)) return;
-        const int a1 = (axis + 1) % 3, a2 = (axis + 2) % 3;
-        const double ea = double(box.hi[a1]) - box.lo[a1];
-        const double eb = double(box.hi[a2]) - box.lo[a2];
-        const double ab = ea * eb;
-        const double h = ab < kTinyFaceArea ? 0.0 : ab / (ea + eb);
-        const std::size_t n = end - begin;
-        const double nf = double(float(n));
+        AxisFrame ax;
+        if (!frameAxis(axis, box, end - begin, ax)) return;
+        Candidates c = gatherCandidates(axis, begin, end);
+        Split axisBest;
+        axisBest.axis = axis;
+        const double emptyCost = emptySpaceCost(ax, c, axisBest);
+        if (emptyCost < kNoCost) {
+            axisBest.recorded = kFacePreference * (ax.ea + ax.eb) * emptyCost;
+        } else {
+            sortCandidates(c);
+            CheapestPlane cheapest(ax, axisBest);
+            considerFlatsOnFaces(ax, c, cheapest);
+            sweepPlanes(ax, c, cheapest);
+            if (!(cheapest.cost() < kNoCost)) return;
+            axisBest.recorded = (ax.ea + ax.eb) * cheapest.cost();
+        }
+        if (axisBest.recorded < best.recorded) best = axisBest;
+    }
 
-        float* starts = lists_[0].as<float>();
-        float* ends = lists_[1].as<float>();
-        float* flats = lists_[2].as<float>();
-        float* spare = lists_[3].as<float>();
-        std::size_t ns = 0, nflat = 0;
-        float lowest = INFINITY, highest = -INFINITY;
+    // The candidate planes of the references in [begin, end) on `axis`, unsorted.
+    Candidates gatherCandidates(int axis, std::size_t begin, std::size_t end) noexcept
+    {
+        Candidates c{lists_[0].as<float>(), lists_[1].as<float>(), lists_[2].as<float>(),
+                     lists_[3].as<float>()};
         for (std::size_t i = begin; i < end; ++i) {
             const Ref& r = refs_[i];
             const float l = r.lo[axis], u = r.hi[axis];
-            lowest = std::min(lowest, l);
-            highest = std::max(highest, u);
+            c.lowest = std::min(c.lowest, l);
+            c.highest = std::max(c.highest, u);
             if (l < u) {
-                starts[ns] = l;
-                ends[ns++] = u;
+                c.starts[c.ns] = l;
+                c.ends[c.ns++] = u;
             } else {
-                flats[nflat++] = l;
+                c.flats[c.nflat++] = l;
             }
         }
-
-        Split axisBest;
-        axisBest.axis = axis;
-        // Empty space below the lowest or above the highest bound.
-        double emptyCost = kNoCost;
-        if (lowest - lo > kEmptyFraction * extent) {
-            emptyCost = nf * ((hi - lowest) + h);
-            axisBest.pos = lowest;
-            axisBest.flatsLow = false;
-        }
-        if (hi - highest > kEmptyFraction * extent) {
-            const double c = nf * ((highest - lo) + h);
-            if (c < emptyCost) {
-                emptyCost = c;
-                axisBest.pos = highest;
-                axisBest.flatsLow = true;
-            }
-        }
-        if (emptyCost < kNoCost) {
-            axisBest.recorded = kFacePreference * (ea + eb) * emptyCost;
-            if (axisBest.recorded < best.recorded) best = axisBest;
-            return;
-        }
-
-        float* sortedStarts = sortAscending(starts, spare, ns);
-        if (sortedStarts == spare) spare = starts;
-        float* sortedEnds = sortAscending(ends, spare, ns);
-        if (sortedEnds == spare) spare = ends;
-        float* sortedFlats = sortAscending(flats, spare, nflat);
-
-        double bestCost = kNoCost;
-        auto consider = [&](double cost, float pos, bool flatsLow, std::size_t nl,
-                            std::size_t nr) {
-            // A plane that leaves one child with everything and the whole box is no split.
-            if ((nl == n && pos >= hi) || (nr == n && pos <= lo)) return;
-            if (!(cost < bestCost)) return;
-            bestCost = cost;
-            axisBest.pos = pos;
-            axisBest.flatsLow = flatsLow;
-        };
-
-        // Flat triangles lying on the node's own faces.
-        if (nflat > 0 && sortedFlats[0] == lo) {
-            std::size_t k = 0;
-            while (k < nflat && sortedFlats[k] == lo) ++k;
-            const double f = sortedFlats[0];
-            consider(kFacePreference * (((f - lo) + h) * double(float(k)) +
-                                        ((hi - f) + h) * double(float(n - k))),
-                     sortedFlats[0], true, k, n - k);
-        }
-        if (nflat > 0 && sortedFlats[nflat - 1] == hi) {
-            std::size_t k = 0;
-            while (k < nflat && sortedFlats[nflat - 1 - k] == hi) ++k;
-            const double f = sortedFlats[nflat - 1];
-            consider(kFacePreference * (((f - lo) + h) * double(float(n - k)) +
-                                        ((hi - f) + h) * double(float(k))),
-                     sortedFlats[nflat - 1], false, n - k, k);
-        }
-
-        // Sweep every distinct bound in ascending order; +inf ends each list.
-        sortedStarts[ns] = INFINITY;
-        sortedEnds[ns] = INFINITY;
-        sortedFlats[nflat] = INFINITY;
-        std::size_t is = 0, ie = 0, iflat = 0;
-        for (;;) {
-            const float p = std::min(std::min(sortedStarts[is], sortedEnds[ie]), sortedFlats[iflat]);
-            if (p == INFINITY) break;
-            while (sortedEnds[ie] <= p) ++ie;
-            std::size_t m = 0;
-            while (sortedFlats[iflat + m] == p) ++m;
-            const std::size_t nl = is + iflat, nr = n - ie - iflat;
-            const double l = (double(p) - lo) + h, r = (hi - double(p)) + h;
-            consider(double(float(nl)) * l + double(float(nr)) * r, p, false, nl, nr);
-            if (m > 0)
-                consider(double(float(nl + m)) * l + double(float(nr - m)) * r, p, true, nl + m,
-                         nr - m);
-            while (sortedStarts[is] <= p) ++is;
-            iflat += m;
-        }
-        if (bestCost < kNoCost) {
-            axisBest.recorded = (ea + eb) * bestCost;
-            if (axisBest.recorded < best.recorded) best = axisBest;
-        }
+        return c;
     }
 
     // Which side of the split a reference belongs to: -1 below, +1 above, 0 both.
