@@ -3,11 +3,10 @@
 
 #include <cstdint>
 
+#include "kdtree_node.h"
 #include "vlkr.h"
 
 namespace vlkr::raytrace {
-
-constexpr unsigned kMaxTreeDepth = 50;  // the traversal stack holds 50 entries
 
 // One leaf listing triangles 0..T-1; reports 4T + 16 bytes.
 vlkStatus buildSimpleTree(KDTreeNode** tree, int triangleCount, int* treeSize) noexcept;

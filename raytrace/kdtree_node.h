@@ -11,6 +11,11 @@
 
 namespace vlkr::raytrace {
 
+// The largest depth a build accepts, the root being at depth 0, so no path from the root
+// passes more inner nodes than this. The walks push at most one stack entry per inner node
+// on their path, and size their stacks by it.
+constexpr unsigned kMaxTreeDepth = 50;
+
 // Inner nodes keep the split axis in the low bits of link: the child offset is a multiple of
 // the 8-byte node, so those bits are free.
 constexpr std::int32_t kAxisMask = 3;

@@ -128,7 +128,8 @@ inline typename V::Mask hitTriangle(const TriangleAccel& a, const V o[3], const 
  * Front-to-back walk of one ray. At an inner node the ray visits the near child first and
  * keeps the far child on a stack with the segment's far end; it skips a child its segment
  * cannot reach, with an epsilon of slack. After each leaf the walk stops once the segment
- * lies wholly beyond the best hit. The build keeps depth <= 50, which bounds the stack.
+ * lies wholly beyond the best hit. The build keeps depth <= kMaxTreeDepth, which bounds
+ * the stack.
  * The policy decides which triangles count and what a hit does (returns true to stop).
  */
 template <class Policy>
@@ -138,7 +139,7 @@ void walkTree(const KDTreeNode* root, const TriangleAccel* accel, float epsilon,
     struct Entry {
         const KDTreeNode* node;
         float tfar;
-    } stack[50];
+    } stack[kMaxTreeDepth];  // one entry at most per inner node between the root and a leaf
     int depth = 0;
     const KDTreeNode* node = root;
     float tnear = r.tnear, tfar = r.tfar;

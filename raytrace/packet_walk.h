@@ -73,7 +73,7 @@ void walkPacket(const KDTreeNode* root, const TriangleAccel* accel, float epsilo
         __m128 tfar;
         int pushed;
         int farOnly;
-    } stack[50];
+    } stack[kMaxTreeDepth];  // as in walkTree: one entry at most per inner node on the path
     int depth = 0;
     const __m128 eps = _mm_set1_ps(epsilon);
     const KDTreeNode* node = root;

@@ -85,8 +85,8 @@ struct Triangle {
 // of a leaf box that does not list it. sahCost counts the inner nodes and triangle tests a ray
 // expects, each weighted by its box area over the root box area (over 1 for a flat root).
 inline TreeInfo decodeTree(const KDTreeNode* root, int treeSize, const float rootBox[6],
-                            int triangleCount, int maxDepth = 50, const float* vertices = nullptr,
-                            const int* triangles = nullptr)
+                            int triangleCount, int maxDepth = int(raytrace::kMaxTreeDepth),
+                            const float* vertices = nullptr, const int* triangles = nullptr)
 {
     using namespace kdtree_detail;
     TreeInfo info;
