@@ -19,7 +19,11 @@ constexpr double kEmptyFraction = 0.1;   // empty space worth cutting, as a shar
 constexpr double kTinyFaceArea = 1e-9;   // below this the side-face term h is 0
 constexpr double kNoCost = 1.7976931348623157e308;
 constexpr std::size_t kBulkSortAbove = 320;  // longer candidate lists use the radix sort
-constexpr std::uint32_t kFixedBudgetBytes = 33554912;  // builder state and two 16 MB blocks
+
+// The fixed term of the build's size formula: the builder's state and two 16 MB blocks, each
+// charged with its block header.
+constexpr std::uint32_t kFixedBudgetBytes = kBuilderStateBytes + 2 * kGranuleCharge;
+static_assert(kFixedBudgetBytes == 33554912, "the size formula's fixed term is 33,554,912 bytes");
 
 // A triangle's share of a node: its number and its bounds clipped to the node.
 struct Ref {
