@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "constants.h"
 #include "frame/lanes.h"
 #include "kdtree_node.h"
 #include "vlkr.h"
@@ -18,7 +19,7 @@ constexpr float kSegmentPad = 0.0001f;           // the box segment's far end gr
 // ordered without infinities. The stand-in is 2^23 * 100 for the box-clipped queries and
 // 2^23 / 100 for occlusion rays; the two differ on purpose and either changes which child a
 // ray visits first at such a component, so neither may be tidied into the other.
-constexpr float kTinyDirection = 1.1920929e-7f;
+constexpr float kTinyDirection = kFloatEpsilon;
 constexpr float kTinyInverse = 8.388608e8f;
 constexpr float kOcclusionTinyInverse = 83886.078125f;
 
@@ -26,7 +27,6 @@ constexpr float kOcclusionTinyInverse = 83886.078125f;
 // box; their segment's far end sits just past 1, padded as the box segments are, while hits
 // still count only below 1.
 constexpr float kOcclusionFar = 1.0001f;
-constexpr float kFloatMax = 3.4028235e38f;
 
 // One ray as the walk sees it: the segment [tnear, tfar] inside the box, the inverses and
 // the sign flags that pick the near child.

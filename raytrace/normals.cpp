@@ -7,11 +7,13 @@
 
 #include <emmintrin.h>
 
+#include "constants.h"
+
 namespace vlkr::raytrace {
 namespace {
 
-constexpr double kMinSquaredLength = 2.220446049250313e-16;  // shorter normals count as zero
-constexpr float kMinSmoothSquared = 1.1920929e-07f;           // likewise for blended normals
+constexpr double kMinSquaredLength = kDoubleEpsilon;  // shorter normals count as zero
+constexpr float kMinSmoothSquared = kFloatEpsilon;    // likewise for blended normals
 
 void setZero(float* const normal[3], int i)
 {

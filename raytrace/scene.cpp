@@ -6,13 +6,14 @@
 #include <cmath>
 #include <cstring>
 
+#include "constants.h"
+
 namespace vlkr::raytrace {
 namespace {
 
-constexpr float kFloatMax = 3.4028235e38f;
 constexpr float kBoxPad = 9.9999997e-05f;        // pad = kBoxPad * largest |coordinate|
 constexpr float kBoxPadFloor = 1.17549435e-38f;  // keeps the pad non-zero for a point at 0
-constexpr double kAxisTiny = 2.220446049250313e-16;  // below this N[u], N[v] count as zero
+constexpr double kAxisTiny = kDoubleEpsilon;     // below this N[u], N[v] count as zero
 
 // Both folds pick the stored value unless the new one is strictly better, so a NaN
 // coordinate is passed over, exactly as the SSE2 minps/maxps with the vertex first do.
