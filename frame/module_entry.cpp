@@ -6,7 +6,7 @@
 namespace vlkr::frame {
 namespace {
 
-constexpr unsigned long long kFlagFeatures = 0x10 | 0x20;  // both must be present
+constexpr unsigned long long kFlagFeatures = VLK_CPU_SSSE3 | VLK_CPU_MOVBE;  // both must be present
 
 // The library's only mutable global: written once at load, before any operation can run.
 int gCpuFlag = 0;

@@ -3,7 +3,8 @@
 
 namespace vlkr::frame {
 
-// Asks vlkcore for the feature mask and records whether it has both 0x10 and 0x20 set.
+// Asks vlkcore for the feature mask and records whether it has both VLK_CPU_SSSE3 and
+// VLK_CPU_MOVBE set.
 void recordCpuFeatures() noexcept;
 
 // The recorded flag, 0 or 1. Nothing in the library reads it: every operation runs the same

@@ -11,6 +11,8 @@
 
 namespace {
 
+constexpr unsigned long long kBoth = VLK_CPU_SSSE3 | VLK_CPU_MOVBE;  // the features the flag needs
+
 TEST(VersionRecord, IsOneConstantRecord)
 {
     const LibVersion* v = vlkrGetLibVersion();
@@ -40,10 +42,13 @@ TEST(VersionRecord, BuildDateHasSingleBlanks)
 
 TEST(CpuFlag, SetOnlyWhenBothFeatureBitsArePresent)
 {
+    constexpr unsigned long long lowSix =
+        VLK_CPU_MMX | VLK_CPU_SSE | VLK_CPU_SSE2 | VLK_CPU_SSE3 | VLK_CPU_SSSE3 | VLK_CPU_MOVBE;
     const struct {
         unsigned long long mask;
         int flag;
-    } cases[] = {{0, 0}, {0x10, 0}, {0x20, 0}, {0x30, 1}, {~0ull, 1}, {~0x10ull, 0}, {0x3F, 1}};
+    } cases[] = {{0, 0},     {VLK_CPU_SSSE3, 0},  {VLK_CPU_MOVBE, 0}, {kBoth, 1},
+                 {~0ull, 1}, {~VLK_CPU_SSSE3, 0}, {lowSix, 1}};
     for (const auto& c : cases) {
         vlkTestOverrideCpuFeatures(1, c.mask);
         vlkr::frame::recordCpuFeatures();
@@ -56,7 +61,7 @@ TEST(CpuFlag, SetOnlyWhenBothFeatureBitsArePresent)
 TEST(CpuFlag, LoadTimeFlagMatchesTheProcessor)
 {
     const unsigned long long mask = vlkGetEnabledCpuFeatures();
-    EXPECT_EQ(vlkr::frame::cpuFlag(), (mask & 0x30) == 0x30 ? 1 : 0);
+    EXPECT_EQ(vlkr::frame::cpuFlag(), (mask & kBoth) == kBoth ? 1 : 0);
 }
 
 }  // namespace
