@@ -26,19 +26,17 @@ constexpr int kLayers = 4;
 // Everything one scene's benchmarks need, made once.
 struct Workload {
     Scene scene;
-    std::unique_ptr<PreparedScene> prepared;
     RaySet eye, shadow, random;
 #ifdef VLKR_HAVE_EMBREE
     std::unique_ptr<EmbreeScene> embree;
 #endif
-    explicit Workload(Scene s) : scene(std::move(s))
+    explicit Workload(Mesh m) : scene(std::move(m), KDTreeBuildSAH, kSceneMemory)
     {
-        prepared = std::make_unique<PreparedScene>(scene);
-        eye = eyeRays(prepared->box, kImage, kImage);
-        shadow = shadowRays(*prepared, eye);
-        random = randomRays(prepared->box, kRandomRays);
+        eye = eyeRays(scene.box, kImage, kImage);
+        shadow = shadowRays(scene, eye);
+        random = randomRays(scene.box, kRandomRays);
 #ifdef VLKR_HAVE_EMBREE
-        embree = std::make_unique<EmbreeScene>(scene, RTC_BUILD_QUALITY_HIGH);
+        embree = std::make_unique<EmbreeScene>(scene.mesh, RTC_BUILD_QUALITY_HIGH);
 #endif
     }
 };
@@ -70,7 +68,7 @@ void BM_EyeSO(benchmark::State& state, Workload* w)
     std::size_t hits = 0;
     for (auto _ : state) {
         std::fill(dist.begin(), dist.end(), FLT_MAX);
-        vlkrIntersectEyeSO_32f(r.eye, dir, dist.data(), hit, tri.data(), &w->prepared->ctx,
+        vlkrIntersectEyeSO_32f(r.eye, dir, dist.data(), hit, tri.data(), &w->scene.ctx,
                                PacketSize{r.width, r.height});
         benchmark::ClobberMemory();
     }
@@ -89,7 +87,7 @@ void BM_AnySO(benchmark::State& state, Workload* w)
     for (auto _ : state) {
         mask = r.mask;
         vlkrIntersectAnySO_32f(r.eye, dir, tri.data(), mask.data(), PacketSize{r.width, r.height},
-                               &w->prepared->ctx);
+                               &w->scene.ctx);
         benchmark::ClobberMemory();
     }
     for (int t : tri) occluded += t >= 0;
@@ -107,7 +105,7 @@ void BM_MO(benchmark::State& state, Workload* w)
     float* hit[2] = {u.data(), v.data()};
     for (auto _ : state) {
         std::fill(dist.begin(), dist.end(), FLT_MAX);
-        vlkrIntersectMO_32f(org, dir, dist.data(), hit, tri.data(), &w->prepared->ctx,
+        vlkrIntersectMO_32f(org, dir, dist.data(), hit, tri.data(), &w->scene.ctx,
                             PacketSize{r.width, r.height});
         benchmark::ClobberMemory();
     }
@@ -126,7 +124,7 @@ void BM_Layers(benchmark::State& state, Workload* w)
     for (auto _ : state) {
         std::fill(dist.begin(), dist.begin() + r.size(), FLT_MAX);
         vlkrIntersectMultipleSO_32f(r.eye, dir, dist.data(), hit, tri.data(), &vol,
-                                    &w->prepared->ctx);
+                                    &w->scene.ctx);
         benchmark::ClobberMemory();
     }
     std::size_t hits = 0;
@@ -176,7 +174,7 @@ int main(int argc, char** argv)
     benchmark::Initialize(&argc, argv);
     RatioReporter reporter;
     for (auto& w : workloads()) {
-        const std::string s = "/" + w->scene.name;
+        const std::string s = "/" + w->scene.mesh.name;
         auto reg = [&](const std::string& name, auto fn) {
             benchmark::RegisterBenchmark((name + s).c_str(), fn)->Unit(benchmark::kMillisecond);
         };

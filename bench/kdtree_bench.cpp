@@ -14,11 +14,11 @@
 
 namespace {
 
-using vlkr::bench::Scene;
+using vlkr::bench::Mesh;
 
-const std::vector<Scene>& standardScenes()
+const std::vector<Mesh>& standardScenes()
 {
-    static const std::vector<Scene> scenes = {vlkr::bench::terrain(512),
+    static const std::vector<Mesh> scenes = {vlkr::bench::terrain(512),
                                               vlkr::bench::sphereCluster(),
                                               vlkr::bench::randomSoup(100000), vlkr::bench::bunny()};
     return scenes;
@@ -35,7 +35,7 @@ KDTreeBuildContext sahParams(float quality)
     return p;
 }
 
-void buildTree(benchmark::State& state, const Scene* s, float quality)
+void buildTree(benchmark::State& state, const Mesh* s, float quality)
 {
     const KDTreeBuildContext params = sahParams(quality);
     KDTreeNode* tree = nullptr;
@@ -77,7 +77,7 @@ int main(int argc, char** argv)
 {
     benchmark::Initialize(&argc, argv);
     vlkr::bench::RatioReporter reporter;
-    for (const Scene& s : standardScenes()) {
+    for (const Mesh& s : standardScenes()) {
         const std::string name = "BM_KDTreeBuild/" + s.name;
         benchmark::RegisterBenchmark(name.c_str(), buildTree, &s, 1.0f)
             ->Unit(benchmark::kMillisecond)

@@ -7,9 +7,12 @@
 #include <vector>
 
 #include "scenes.h"
+#include "test_mesh.h"
 #include "vlkr.h"
 
 namespace vlkr::bench {
+
+using test::Scene;
 
 // Planar rays; a set with one shared origin keeps it in `eye` and leaves ox/oy/oz empty.
 struct RaySet {
@@ -20,30 +23,8 @@ struct RaySet {
     std::size_t size() const { return dx.size(); }
 };
 
-// The scene's box, its records and its SAH tree, ready for our queries.
-struct PreparedScene {
-    const Scene* scene = nullptr;
-    float box[6];
-    std::vector<TriangleAccel> accel;
-    KDTreeNode* tree = nullptr;
-    int treeSize = 0;
-    IntersectContext ctx;
-
-    explicit PreparedScene(const Scene& s, float quality = 1.0f) : scene(&s)
-    {
-        vlkrSetBoundBox_32f(s.vertices.data(), s.vertexCount(), box);
-        accel.resize(s.triangleCount());
-        vlkrTriangleAccelInit(accel.data(), s.vertices.data(), s.triangles.data(),
-                              s.triangleCount());
-        const KDTreeBuildContext p{KDTreeBuildSAH, 50, quality, 2048, nullptr};
-        vlkrKDTreeBuildAlloc(&tree, s.vertices.data(), s.triangles.data(), s.vertexCount(),
-                             s.triangleCount(), &treeSize, &p);
-        ctx = IntersectContext{box, accel.data(), tree};
-    }
-    ~PreparedScene() { vlkrKDTreeFree(tree); }
-    PreparedScene(const PreparedScene&) = delete;
-    PreparedScene& operator=(const PreparedScene&) = delete;
-};
+// The memory budget of the benchmark scenes' trees, in megabytes: ample for the largest.
+constexpr unsigned kSceneMemory = 2048;
 
 // A pinhole camera looking at the box centre from outside, the view filling the frame.
 inline RaySet eyeRays(const float box[6], int width, int height)
@@ -83,12 +64,12 @@ inline RaySet eyeRays(const float box[6], int width, int height)
 
 // Rays from a light above the scene to the points the eye rays hit, pulled 0.1% towards the
 // eye so the surface itself does not occlude them; eye rays that missed are masked out.
-inline RaySet shadowRays(const PreparedScene& ps, const RaySet& eye)
+inline RaySet shadowRays(const Scene& scene, const RaySet& eye)
 {
     RaySet r;
     r.width = eye.width;
     r.height = eye.height;
-    const float* box = ps.box;
+    const float* box = scene.box;
     r.eye[0] = box[0] + 0.3f * (box[3] - box[0]);
     r.eye[1] = box[4] + 1.5f * (box[4] - box[1]);
     r.eye[2] = box[2] + 0.2f * (box[5] - box[2]);
@@ -96,7 +77,7 @@ inline RaySet shadowRays(const PreparedScene& ps, const RaySet& eye)
     std::vector<int> tri(eye.size());
     const float* dir[3] = {eye.dx.data(), eye.dy.data(), eye.dz.data()};
     float* hit[2] = {u.data(), v.data()};
-    vlkrIntersectEyeSO_32f(eye.eye, dir, dist.data(), hit, tri.data(), &ps.ctx,
+    vlkrIntersectEyeSO_32f(eye.eye, dir, dist.data(), hit, tri.data(), &scene.ctx,
                            PacketSize{eye.width, eye.height});
     r.dx.resize(eye.size());
     r.dy.resize(eye.size());

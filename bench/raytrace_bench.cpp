@@ -10,13 +10,13 @@
 
 namespace {
 
-using vlkr::bench::Scene;
+using vlkr::bench::Mesh;
 
 // 708 x 708 quads: 1,002,528 triangles over 502,681 vertices.
-const Scene& millionTriangles()
+const Mesh& millionTriangles()
 {
-    static const Scene scene = vlkr::bench::terrain(708);
-    return scene;
+    static const Mesh mesh = vlkr::bench::terrain(708);
+    return mesh;
 }
 
 void copyFloor(benchmark::State& state, size_t bytes)
@@ -32,7 +32,7 @@ void copyFloor(benchmark::State& state, size_t bytes)
 
 void BM_SetBoundBox(benchmark::State& state)
 {
-    const Scene& s = millionTriangles();
+    const Mesh& s = millionTriangles();
     float box[6];
     for (auto _ : state) {
         vlkrSetBoundBox_32f(s.vertices.data(), s.vertexCount(), box);
@@ -52,7 +52,7 @@ BENCHMARK(BM_MemcpyVertexBytes);
 
 void BM_TriangleAccelInit(benchmark::State& state)
 {
-    const Scene& s = millionTriangles();
+    const Mesh& s = millionTriangles();
     std::vector<TriangleAccel> accel(s.triangleCount());
     for (auto _ : state) {
         vlkrTriangleAccelInit(accel.data(), s.vertices.data(), s.triangles.data(),

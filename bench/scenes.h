@@ -1,4 +1,5 @@
-// The standard benchmark scenes: terrain, sphere cluster, random soup and the bunny.
+// The standard benchmark meshes: terrain, sphere cluster, random soup and the bunny, as the
+// Mesh the tests use too.
 #pragma once
 
 #include <cmath>
@@ -10,20 +11,16 @@
 #include <string>
 #include <vector>
 
+#include "test_mesh.h"
+
 namespace vlkr::bench {
 
-struct Scene {
-    std::string name;
-    std::vector<float> vertices;  // packed x, y, z
-    std::vector<int> triangles;   // four words per triangle, the fourth unused
-    int vertexCount() const { return static_cast<int>(vertices.size() / 3); }
-    int triangleCount() const { return static_cast<int>(triangles.size() / 4); }
-};
+using test::Mesh;
 
 // n x n quads of a smooth rolling height field on [0, n] x [0, n], two triangles a quad.
-inline Scene terrain(int n)
+inline Mesh terrain(int n)
 {
-    Scene s;
+    Mesh s;
     s.name = "terrain" + std::to_string(n);
     s.vertices.reserve(3 * size_t(n + 1) * (n + 1));
     for (int j = 0; j <= n; ++j)
@@ -44,9 +41,9 @@ inline Scene terrain(int n)
 }
 
 // Eight overlapping UV spheres of 128 stacks x 256 slices (about 500k triangles in all).
-inline Scene sphereCluster()
+inline Mesh sphereCluster()
 {
-    Scene s;
+    Mesh s;
     s.name = "spheres";
     std::mt19937 rng(4242);
     std::uniform_real_distribution<float> pos(-6.0f, 6.0f), rad(1.5f, 4.0f);
@@ -76,9 +73,9 @@ inline Scene sphereCluster()
 }
 
 // Random triangles of modest size scattered through a cube of side 100.
-inline Scene randomSoup(int count)
+inline Mesh randomSoup(int count)
 {
-    Scene s;
+    Mesh s;
     s.name = "soup" + std::to_string(count / 1000) + "k";
     std::mt19937 rng(777);
     std::uniform_real_distribution<float> centre(0.0f, 100.0f), offset(-1.5f, 1.5f);
@@ -92,9 +89,9 @@ inline Scene randomSoup(int count)
 }
 
 // Reads the v and f records of a Wavefront OBJ file (faces fanned into triangles).
-inline Scene loadObj(const std::string& path, const std::string& name)
+inline Mesh loadObj(const std::string& path, const std::string& name)
 {
-    Scene s;
+    Mesh s;
     s.name = name;
     std::ifstream in(path);
     std::string line;
@@ -117,6 +114,6 @@ inline Scene loadObj(const std::string& path, const std::string& name)
     return s;
 }
 
-inline Scene bunny() { return loadObj(VLKR_DATA_DIR "/bunny.obj", "bunny"); }
+inline Mesh bunny() { return loadObj(VLKR_DATA_DIR "/bunny.obj", "bunny"); }
 
 }  // namespace vlkr::bench

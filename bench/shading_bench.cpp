@@ -23,7 +23,7 @@ struct Arrays {
     std::vector<float> p[12];
     std::vector<int> mask, tri, normalIndex;
     std::vector<float> triNormals, vertexNormals;
-    vlkr::bench::Scene mesh = vlkr::bench::terrain(724);  // about 1M triangles
+    vlkr::bench::Mesh mesh = vlkr::bench::terrain(724);  // about 1M triangles
     Arrays()
     {
         std::mt19937 rng(5);

@@ -10,30 +10,30 @@ namespace vlkr::bench {
 namespace {
 
 // Scenes are made on first use, so a filtered run only pays for the ones it times.
-const Scene& terrain512()
+const Mesh& terrain512()
 {
-    static const Scene s = terrain(512);
+    static const Mesh s = terrain(512);
     return s;
 }
-const Scene& spheres()
+const Mesh& spheres()
 {
-    static const Scene s = sphereCluster();
+    static const Mesh s = sphereCluster();
     return s;
 }
-const Scene& soup100k()
+const Mesh& soup100k()
 {
-    static const Scene s = randomSoup(100000);
+    static const Mesh s = randomSoup(100000);
     return s;
 }
-const Scene& bunnyMesh()
+const Mesh& bunnyMesh()
 {
-    static const Scene s = bunny();
+    static const Mesh s = bunny();
     return s;
 }
 
-void BM_EmbreeBuild(benchmark::State& state, const Scene& (*scene)(), RTCBuildQuality quality)
+void BM_EmbreeBuild(benchmark::State& state, const Mesh& (*scene)(), RTCBuildQuality quality)
 {
-    const Scene& s = scene();
+    const Mesh& s = scene();
     embreeDevice();  // device start-up stays out of the timed loop
     for (auto _ : state) embreeBuildAndRelease(s, quality);
     state.SetItemsProcessed(int64_t(state.iterations()) * s.triangleCount());
@@ -49,7 +49,7 @@ void registerEmbreeBuildBenchmarks()
 
     struct SceneEntry {
         const char* name;
-        const Scene& (*get)();
+        const Mesh& (*get)();
     };
     const SceneEntry scenes[] = {
         {"terrain512", terrain512}, {"spheres", spheres}, {"soup100k", soup100k}, {"bunny", bunnyMesh}};

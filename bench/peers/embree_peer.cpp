@@ -29,7 +29,7 @@ struct DeviceHolder {
     ~DeviceHolder() { rtcReleaseDevice(device); }
 };
 
-RTCScene buildScene(const Scene& s, RTCBuildQuality quality)
+RTCScene buildScene(const Mesh& s, RTCBuildQuality quality)
 {
     RTCDevice device = embreeDevice();
     RTCScene scene = rtcNewScene(device);
@@ -64,16 +64,16 @@ RTCDevice embreeDevice()
     return holder.device;
 }
 
-EmbreeScene::EmbreeScene(const Scene& scene, RTCBuildQuality quality)
-    : scene_(buildScene(scene, quality))
+EmbreeScene::EmbreeScene(const Mesh& mesh, RTCBuildQuality quality)
+    : scene_(buildScene(mesh, quality))
 {
 }
 
 EmbreeScene::~EmbreeScene() { rtcReleaseScene(scene_); }
 
-void embreeBuildAndRelease(const Scene& scene, RTCBuildQuality quality)
+void embreeBuildAndRelease(const Mesh& mesh, RTCBuildQuality quality)
 {
-    rtcReleaseScene(buildScene(scene, quality));
+    rtcReleaseScene(buildScene(mesh, quality));
 }
 
 }  // namespace vlkr::bench

@@ -16,11 +16,11 @@ namespace vlkr::bench {
 // compare with our own single-threaded code. Created on first use and kept until exit.
 RTCDevice embreeDevice();
 
-// An Embree scene holding one triangle geometry (geometry id 0) built from a benchmark scene,
+// An Embree scene holding one triangle geometry (geometry id 0) built from a benchmark mesh,
 // committed and ready for rtcIntersect*/rtcOccluded* on return.
 class EmbreeScene {
 public:
-    EmbreeScene(const Scene& scene, RTCBuildQuality quality);
+    EmbreeScene(const Mesh& mesh, RTCBuildQuality quality);
     ~EmbreeScene();
     EmbreeScene(const EmbreeScene&) = delete;
     EmbreeScene& operator=(const EmbreeScene&) = delete;
@@ -32,7 +32,7 @@ private:
 };
 
 // One full build from the packed arrays, then the release: the unit a build benchmark times.
-void embreeBuildAndRelease(const Scene& scene, RTCBuildQuality quality);
+void embreeBuildAndRelease(const Mesh& mesh, RTCBuildQuality quality);
 
 // Registers BM_EmbreeBuild/<scene>/high and .../medium for the four standard scenes.
 void registerEmbreeBuildBenchmarks();

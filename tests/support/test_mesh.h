@@ -1,5 +1,5 @@
-// Seeded random meshes, bit-pattern helpers and a ready-to-trace scene, shared by the
-// ray-tracing tests.
+// The mesh and the ready-to-trace scene of the ray-tracing tests and the benchmarks, with the
+// tests' seeded random meshes and bit-pattern helpers.
 #pragma once
 
 #include <cmath>
@@ -7,6 +7,7 @@
 #include <cstring>
 #include <random>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 #include "vlkr.h"
@@ -28,6 +29,7 @@ inline float floatOf(std::uint32_t u)
 }
 
 struct Mesh {
+    std::string name;             // what benchmark reports call it; empty in the tests
     std::vector<float> vertices;  // packed x, y, z
     std::vector<int> triangles;   // four words per triangle, the fourth unused
     int vertexCount() const { return static_cast<int>(vertices.size() / 3); }
@@ -141,20 +143,21 @@ inline vlkStatus buildTree(const Mesh& m, const KDTreeBuildContext& p, KDTreeNod
                                 m.triangleCount(), size, &p);
 }
 
-// A mesh with its acceleration records, bounding box and a depth-50 tree, ready to intersect.
+// A mesh with its acceleration records, bounding box and a depth-50 tree of the best quality,
+// built within `memory` megabytes, ready to intersect.
 struct Scene {
     Mesh mesh;
     std::vector<TriangleAccel> accel;
     float box[6];
     KDTreeNode* tree = nullptr;
     IntersectContext ctx;
-    explicit Scene(Mesh m, unsigned mode = KDTreeBuildSAH)
+    explicit Scene(Mesh m, unsigned mode = KDTreeBuildSAH, unsigned memory = 256)
         : mesh(std::move(m)), accel(mesh.triangleCount())
     {
         const float* v = mesh.vertices.data();
         vlkrTriangleAccelInit(accel.data(), v, mesh.triangles.data(), mesh.triangleCount());
         vlkrSetBoundBox_32f(v, mesh.vertexCount(), box);
-        const KDTreeBuildContext p{mode, 50, 1.0f, 256, nullptr};
+        const KDTreeBuildContext p{mode, 50, 1.0f, memory, nullptr};
         int size = 0;
         if (buildTree(mesh, p, &tree, &size) != vlkStatusOk)
             throw std::runtime_error("tree build failed");
