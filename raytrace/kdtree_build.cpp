@@ -26,6 +26,9 @@ constexpr std::uint32_t kFixedBudgetBytes = kBuilderStateBytes + 2 * kGranuleCha
 static_assert(kFixedBudgetBytes == 33554912, "the size formula's fixed term is 33,554,912 bytes");
 
 // A triangle's share of a node: its number and its bounds clipped to the node.
+constexpr std::uint32_t kRefBytesPerTriangle = 36;
+constexpr std::uint32_t kNodeBytesPerVertex = 48;
+
 struct Ref {
     int tri;
     float lo[3];
@@ -392,8 +395,11 @@ private:
         // One extra slot per list for the sweep's end marker; the builder-state charge covers it.
         for (ChargedBlock& list : lists_)
             if (!list.acquire(budget_, 4 * t + 4, 4 * t)) return false;
-        const std::uint32_t refBytes = ((36 * t) & ~(kGranule - 1)) + kGranule;
-        const std::uint32_t nodeBytes = ((48 * v) & ~(kGranule - 1)) + kGranule;
+        // The first reference and node areas: 36 bytes per triangle (a 32-byte Ref each, with
+        // room for one in eight to be split across a plane) and 48 bytes per vertex (six
+        // 8-byte nodes), each rounded down to whole granules plus one. Both grow by granules.
+        const std::uint32_t refBytes = ((kRefBytesPerTriangle * t) & ~(kGranule - 1)) + kGranule;
+        const std::uint32_t nodeBytes = ((kNodeBytesPerVertex * v) & ~(kGranule - 1)) + kGranule;
         return refs_.init(budget_, refBytes) && nodes_.init(budget_, nodeBytes);
     }
 
@@ -673,7 +679,8 @@ vlkStatus buildSahTree(KDTreeNode** tree, const float* vertices, const int* tria
     // The size formula is evaluated in 32-bit unsigned arithmetic, wrap-around included.
     const std::uint32_t t = static_cast<std::uint32_t>(triangleCount);
     const std::uint32_t v = static_cast<std::uint32_t>(vertexCount);
-    const std::uint32_t needed = 16 * t + 36 * t + 12 * v + kFixedBudgetBytes;
+    // Four 4-byte lists and the references per triangle, the vertices, and the fixed part.
+    const std::uint32_t needed = 16 * t + kRefBytesPerTriangle * t + 12 * v + kFixedBudgetBytes;
     if (budget < needed) return vlkStatusNoMemory;
     SahBuilder builder(vertices, triangles, vertexCount, triangleCount, params, budget);
     return builder.run(tree, treeSize);
