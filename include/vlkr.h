@@ -70,13 +70,13 @@ enum {
 
 /* Constant version record; it and its strings live in read-only storage. */
 typedef struct LibVersion {
-    int major;            /* 8 */
-    int minor;            /* 1 */
-    int majorBuild;       /* update number: 1 */
-    int build;            /* source revision number, the N of "(rN)" in version */
-    char targetCpu[4];    /* code variant: "mx" and two zero bytes (generic SSE2 code) */
-    const char* name;     /* "vlkRR PX (mx)" */
-    const char* version;  /* "8.1.1 (rN)" */
+    int major;             /* 8 */
+    int minor;             /* 1 */
+    int majorBuild;        /* update number: 1 */
+    int build;             /* source revision number, the N of "(rN)" in version */
+    char targetCpu[4];     /* code variant: "mx" and two zero bytes (generic SSE2 code) */
+    const char* name;      /* "vlkRR PX (mx)" */
+    const char* version;   /* "8.1.1 (rN)" */
     const char* buildDate; /* "Mmm d yyyy", single blanks */
 } LibVersion;
 
@@ -135,9 +135,9 @@ typedef struct KDTreeNode {
 
 /* What the intersection operations read: scene box, TriangleAccel array, tree root. */
 typedef struct IntersectContext {
-    const float* pBound;            /* six floats: min x, y, z, max x, y, z */
-    const TriangleAccel* pAccel;    /* one record per triangle */
-    const KDTreeNode* pRootNode;    /* first node of a tree from vlkrKDTreeBuildAlloc */
+    const float* pBound;         /* six floats: min x, y, z, max x, y, z */
+    const TriangleAccel* pAccel; /* one record per triangle */
+    const KDTreeNode* pRootNode; /* first node of a tree from vlkrKDTreeBuildAlloc */
 } IntersectContext;
 
 /* Build modes of vlkrKDTreeBuildAlloc. */
@@ -194,9 +194,8 @@ VLKR_API vlkStatus vlkrTriangleAccelInit(TriangleAccel* accel, const float* vert
  * quality outside [0, 1]), NoMemory (budget below 32 MB or the size formula), MemAlloc
  * (budget exhausted while building), BadArg (unknown mode). Release with vlkrKDTreeFree. */
 VLKR_API vlkStatus vlkrKDTreeBuildAlloc(KDTreeNode** tree, const float* vertices,
-                                        const int* triangles, int vertexCount,
-                                        int triangleCount, int* treeSize,
-                                        const KDTreeBuildContext* params);
+                                        const int* triangles, int vertexCount, int triangleCount,
+                                        int* treeSize, const KDTreeBuildContext* params);
 
 /* Releases a tree from vlkrKDTreeBuildAlloc. */
 VLKR_API vlkStatus vlkrKDTreeFree(KDTreeNode* tree);
@@ -248,8 +247,8 @@ VLKR_API vlkStatus vlkrCastReflectionRay_32f(const float* const incident[3], con
  * sign; unlit rays get mask -1, cosine 0 and direction (0, 0, 0). */
 VLKR_API vlkStatus vlkrCastShadowSO_32f(const float light[3], const float* factor,
                                         const float* const normal[3],
-                                        const float* const hitPoint[3], int* mask,
-                                        float* cosine, float* const shadowDir[3], int len);
+                                        const float* const hitPoint[3], int* mask, float* cosine,
+                                        float* const shadowDir[3], int len);
 
 /* Hit points origin + (dir * eps) * dist from one origin; passed-over rays get 0. */
 VLKR_API vlkStatus vlkrHitPoint3DEpsS0_32f_M(const float origin[3], const float* const dir[3],
@@ -259,8 +258,8 @@ VLKR_API vlkStatus vlkrHitPoint3DEpsS0_32f_M(const float origin[3], const float*
 /* As vlkrHitPoint3DEpsS0_32f_M with one origin per ray. */
 VLKR_API vlkStatus vlkrHitPoint3DEpsM0_32f_M(const float* const origin[3],
                                              const float* const dir[3], const float* dist,
-                                             const int* mask, float* const hitPoint[3],
-                                             int len, float eps);
+                                             const int* mask, float* const hitPoint[3], int len,
+                                             float eps);
 
 /* ---------------------------------------------------------------- normals */
 
@@ -286,16 +285,14 @@ VLKR_API vlkStatus vlkrAddMulMul_32f_AC1P3IM(const float k[3], const float* fact
 
 /* srcDst /= divisor for unmasked rays; returns vlkStatusDivByZero (a warning) when some
  * unmasked divisor was zero, after processing every element. */
-VLKR_API vlkStatus vlkrDiv_32f_C1IM(const float* divisor, const int* mask, float* srcDst,
-                                    int len);
+VLKR_API vlkStatus vlkrDiv_32f_C1IM(const float* divisor, const int* mask, float* srcDst, int len);
 
 /* srcDst *= factor for unmasked rays. */
-VLKR_API vlkStatus vlkrMul_32f_C1IM(const float* factor, const int* mask, float* srcDst,
-                                    int len);
+VLKR_API vlkStatus vlkrMul_32f_C1IM(const float* factor, const int* mask, float* srcDst, int len);
 
 /* Each plane of srcDst *= factor for unmasked rays. */
-VLKR_API vlkStatus vlkrMul_32f_C1P3IM(const float* factor, const int* mask,
-                                      float* const srcDst[3], int len);
+VLKR_API vlkStatus vlkrMul_32f_C1P3IM(const float* factor, const int* mask, float* const srcDst[3],
+                                      int len);
 
 /* dst = a . b per unmasked ray. */
 VLKR_API vlkStatus vlkrDot_32f_P3C1M(const float* const a[3], const float* const b[3],
@@ -322,8 +319,8 @@ VLKR_API vlkStatus vlkrSH_32f(const float* x, const float* y, const float* z, in
                               int L, const SHContext* state);
 
 /* Band L only (2L + 1 floats per direction), by the closed-form polynomials. */
-VLKR_API vlkStatus vlkrSHBand_32f(const float* x, const float* y, const float* z, int n,
-                                  float* dst, int L);
+VLKR_API vlkStatus vlkrSHBand_32f(const float* x, const float* y, const float* z, int n, float* dst,
+                                  int L);
 
 /* Forward transforms: coeffs += sum over samples of src * basis(direction). */
 VLKR_API vlkStatus vlkrSHTFwd_32f_C1I(const float* x, const float* y, const float* z,
@@ -350,52 +347,49 @@ VLKR_API vlkStatus vlkrSHTInv_32f_P3C3(const float* const coeffs[3], int L, cons
 
 /* Destination box that a resize of srcVoi by the given factors and shifts covers. */
 VLKR_API vlkStatus vlkrGetResizeCuboid(const Cuboid* srcVoi, Cuboid* dstVoi, double xFactor,
-                                       double yFactor, double zFactor, double xShift,
-                                       double yShift, double zShift, int interpolation);
+                                       double yFactor, double zFactor, double xShift, double yShift,
+                                       double zShift, int interpolation);
 
 /* Work-buffer size in bytes for vlkrResize_*; nChannel must be 1. */
 VLKR_API vlkStatus vlkrResizeGetBufSize(const Cuboid* srcVoi, const Cuboid* dstVoi, int nChannel,
                                         int interpolation, int* pSize);
 
 /* Resize of one block (row and plane steps in bytes), by factors and shifts. */
-VLKR_API vlkStatus vlkrResize_8u_C1V(const Vlk8u* src, const VolumeSize* srcVolume,
-                                     int srcRowStep, int srcPlaneStep, const Cuboid* srcVoi,
-                                     Vlk8u* dst, int dstRowStep, int dstPlaneStep,
-                                     const Cuboid* dstVoi, double xFactor, double yFactor,
-                                     double zFactor, double xShift, double yShift,
-                                     double zShift, int interpolation, unsigned char* buffer);
+VLKR_API vlkStatus vlkrResize_8u_C1V(const Vlk8u* src, const VolumeSize* srcVolume, int srcRowStep,
+                                     int srcPlaneStep, const Cuboid* srcVoi, Vlk8u* dst,
+                                     int dstRowStep, int dstPlaneStep, const Cuboid* dstVoi,
+                                     double xFactor, double yFactor, double zFactor, double xShift,
+                                     double yShift, double zShift, int interpolation,
+                                     unsigned char* buffer);
 VLKR_API vlkStatus vlkrResize_16u_C1V(const Vlk16u* src, const VolumeSize* srcVolume,
                                       int srcRowStep, int srcPlaneStep, const Cuboid* srcVoi,
                                       Vlk16u* dst, int dstRowStep, int dstPlaneStep,
                                       const Cuboid* dstVoi, double xFactor, double yFactor,
-                                      double zFactor, double xShift, double yShift,
-                                      double zShift, int interpolation, unsigned char* buffer);
+                                      double zFactor, double xShift, double yShift, double zShift,
+                                      int interpolation, unsigned char* buffer);
 VLKR_API vlkStatus vlkrResize_32f_C1V(const Vlk32f* src, const VolumeSize* srcVolume,
                                       int srcRowStep, int srcPlaneStep, const Cuboid* srcVoi,
                                       Vlk32f* dst, int dstRowStep, int dstPlaneStep,
                                       const Cuboid* dstVoi, double xFactor, double yFactor,
-                                      double zFactor, double xShift, double yShift,
-                                      double zShift, int interpolation, unsigned char* buffer);
+                                      double zFactor, double xShift, double yShift, double zShift,
+                                      int interpolation, unsigned char* buffer);
 
 /* Resize of a volume given as plane pointers sharing one row step in bytes. */
 VLKR_API vlkStatus vlkrResize_8u_C1PV(const Vlk8u* const src[], const VolumeSize* srcVolume,
                                       int srcStep, const Cuboid* srcVoi, Vlk8u* const dst[],
                                       int dstStep, const Cuboid* dstVoi, double xFactor,
-                                      double yFactor, double zFactor, double xShift,
-                                      double yShift, double zShift, int interpolation,
-                                      unsigned char* buffer);
+                                      double yFactor, double zFactor, double xShift, double yShift,
+                                      double zShift, int interpolation, unsigned char* buffer);
 VLKR_API vlkStatus vlkrResize_16u_C1PV(const Vlk16u* const src[], const VolumeSize* srcVolume,
                                        int srcStep, const Cuboid* srcVoi, Vlk16u* const dst[],
                                        int dstStep, const Cuboid* dstVoi, double xFactor,
-                                       double yFactor, double zFactor, double xShift,
-                                       double yShift, double zShift, int interpolation,
-                                       unsigned char* buffer);
+                                       double yFactor, double zFactor, double xShift, double yShift,
+                                       double zShift, int interpolation, unsigned char* buffer);
 VLKR_API vlkStatus vlkrResize_32f_C1PV(const Vlk32f* const src[], const VolumeSize* srcVolume,
                                        int srcStep, const Cuboid* srcVoi, Vlk32f* const dst[],
                                        int dstStep, const Cuboid* dstVoi, double xFactor,
-                                       double yFactor, double zFactor, double xShift,
-                                       double yShift, double zShift, int interpolation,
-                                       unsigned char* buffer);
+                                       double yFactor, double zFactor, double xShift, double yShift,
+                                       double zShift, int interpolation, unsigned char* buffer);
 
 /* Work-buffer size query of the affine warp, kept beside resize's: the warp takes no buffer,
  * so the size is always 0. nChannel must be 1. */
@@ -414,14 +408,12 @@ VLKR_API vlkStatus vlkrWarpAffine_8u_C1PV(const Vlk8u* const src[], const Volume
                                           int srcStep, const Cuboid* srcVoi, Vlk8u* const dst[],
                                           int dstStep, const Cuboid* dstVoi,
                                           const double coeffs[3][4], int interpolation);
-VLKR_API vlkStatus vlkrWarpAffine_16u_C1PV(const Vlk16u* const src[],
-                                           const VolumeSize* srcVolume, int srcStep,
-                                           const Cuboid* srcVoi, Vlk16u* const dst[],
+VLKR_API vlkStatus vlkrWarpAffine_16u_C1PV(const Vlk16u* const src[], const VolumeSize* srcVolume,
+                                           int srcStep, const Cuboid* srcVoi, Vlk16u* const dst[],
                                            int dstStep, const Cuboid* dstVoi,
                                            const double coeffs[3][4], int interpolation);
-VLKR_API vlkStatus vlkrWarpAffine_32f_C1PV(const Vlk32f* const src[],
-                                           const VolumeSize* srcVolume, int srcStep,
-                                           const Cuboid* srcVoi, Vlk32f* const dst[],
+VLKR_API vlkStatus vlkrWarpAffine_32f_C1PV(const Vlk32f* const src[], const VolumeSize* srcVolume,
+                                           int srcStep, const Cuboid* srcVoi, Vlk32f* const dst[],
                                            int dstStep, const Cuboid* dstVoi,
                                            const double coeffs[3][4], int interpolation);
 
@@ -453,10 +445,10 @@ VLKR_API vlkStatus vlkrFilterGetBufSize(const VolumeSize* region, const VolumeSi
                                         int nChannel, int* pSize);
 
 /* 3-D integer convolution of signed 16-bit planes, divided by divisor and saturated. */
-VLKR_API vlkStatus vlkrFilter_16s_C1PV(const Vlk16s* const src[], int srcStep,
-                                       Vlk16s* const dst[], int dstStep, const VolumeSize* region,
-                                       const int* kernel, const VolumeSize* kernelVolume,
-                                       const int anchor[3], int divisor, unsigned char* buffer);
+VLKR_API vlkStatus vlkrFilter_16s_C1PV(const Vlk16s* const src[], int srcStep, Vlk16s* const dst[],
+                                       int dstStep, const VolumeSize* region, const int* kernel,
+                                       const VolumeSize* kernelVolume, const int anchor[3],
+                                       int divisor, unsigned char* buffer);
 
 #ifdef __cplusplus
 }

@@ -7,8 +7,8 @@
 #include "kdtree_build.h"
 #include "normals.h"
 #include "rays.h"
-#include "shading.h"
 #include "scene.h"
+#include "shading.h"
 #include "vlkcore.h"
 
 namespace vlkr::raytrace {
@@ -77,9 +77,8 @@ vlkStatus kdTreeFree(KDTreeNode* tree) noexcept
 
 namespace {
 
-vlkStatus nearestHits(Origins origin, const float* const dir[3], float* dist,
-                      float* const hit[2], int* triangle, const IntersectContext* ctx,
-                      PacketSize block) noexcept
+vlkStatus nearestHits(Origins origin, const float* const dir[3], float* dist, float* const hit[2],
+                      int* triangle, const IntersectContext* ctx, PacketSize block) noexcept
 {
     if (block.height < 1 || block.width < 1) return vlkStatusOk;
     intersectNearest(origin, dir, dist, hit, triangle, *ctx, block);
@@ -114,8 +113,8 @@ vlkStatus intersectMultipleSO(const float origin[3], const float* const dir[3], 
     return vlkStatusOk;
 }
 
-vlkStatus intersectAnySO(const float origin[3], const float* const dir[3], int* triangle,
-                         int* mask, PacketSize block, const IntersectContext* ctx) noexcept
+vlkStatus intersectAnySO(const float origin[3], const float* const dir[3], int* triangle, int* mask,
+                         PacketSize block, const IntersectContext* ctx) noexcept
 {
     if (!dir || !triangle || !mask) return vlkStatusNullPtr;
     if (block.height < 1 || block.width < 1) return vlkStatusOk;
@@ -133,8 +132,7 @@ vlkStatus castEye(const float corner[3], const float columnStep[3], const float 
 {
     if (!dir) return vlkStatusNullPtr;  // corner and the steps are unchecked
     if (packetSize.height <= 0 || packetSize.width <= 0) return vlkStatusOk;
-    makeEyeRays(corner, columnStep, rowStep, blockColumn, blockRow, blockSize, dir,
-                packetSize);
+    makeEyeRays(corner, columnStep, rowStep, blockColumn, blockRow, blockSize, dir, packetSize);
     return vlkStatusOk;
 }
 
@@ -191,8 +189,8 @@ vlkStatus triangleNormal(const float* vertices, const int* triangles, float* nor
     return vlkStatusOk;
 }
 
-vlkStatus surfFlatNormal(const float* triangleNormals, const int* triangle,
-                         float* const normal[3], int len) noexcept
+vlkStatus surfFlatNormal(const float* triangleNormals, const int* triangle, float* const normal[3],
+                         int len) noexcept
 {
     if (!triangleNormals || !triangle) return vlkStatusNullPtr;  // the output is unchecked
     if (len <= 0) return vlkStatusOk;
@@ -201,8 +199,8 @@ vlkStatus surfFlatNormal(const float* triangleNormals, const int* triangle,
 }
 
 vlkStatus surfSmoothNormal(const float* vertexNormals, const int* normalIndices,
-                           const int* triangle, const float* const hit[2],
-                           float* const normal[3], int len, int stride) noexcept
+                           const int* triangle, const float* const hit[2], float* const normal[3],
+                           int len, int stride) noexcept
 {
     if (!vertexNormals || !normalIndices || !triangle || !hit || !normal) return vlkStatusNullPtr;
     if (len <= 0) return vlkStatusOk;
@@ -234,8 +232,7 @@ vlkStatus mulC1IM(const float* factor, const int* mask, float* srcDst, int len) 
     return vlkStatusOk;
 }
 
-vlkStatus mulC1P3IM(const float* factor, const int* mask, float* const srcDst[3],
-                    int len) noexcept
+vlkStatus mulC1P3IM(const float* factor, const int* mask, float* const srcDst[3], int len) noexcept
 {
     if (!factor || !mask || !srcDst) return vlkStatusNullPtr;
     if (len <= 0) return vlkStatusOk;
@@ -261,8 +258,8 @@ vlkStatus dotChangeNormIM(const float* const v[3], const int* mask, float* const
     return vlkStatusOk;
 }
 
-vlkStatus distAttenuationSOM(const float point[3], const float* const surface[3],
-                             const int* mask, float* dist, int len) noexcept
+vlkStatus distAttenuationSOM(const float point[3], const float* const surface[3], const int* mask,
+                             float* dist, int len) noexcept
 {
     if (!surface || !mask || !dist) return vlkStatusNullPtr;  // the point is unchecked
     if (len <= 0) return vlkStatusOk;

@@ -9,15 +9,15 @@
 
 namespace vlkr::raytrace {
 
-constexpr std::uint32_t kGranule = 1u << 24;                 // storage grows in 16 MB steps
-constexpr std::uint32_t kGranuleCharge = kGranule + 40;      // a further block with its header
-constexpr std::uint32_t kBuilderStateBytes = 400;            // the builder's own state
+constexpr std::uint32_t kGranule = 1u << 24;             // storage grows in 16 MB steps
+constexpr std::uint32_t kGranuleCharge = kGranule + 40;  // a further block with its header
+constexpr std::uint32_t kBuilderStateBytes = 400;        // the builder's own state
 
 // The running account of what the caller's budget still allows. Every block is charged
 // before it is allocated and refunded after it is freed, so the bytes live from vlkMalloc
 // never exceed the budget.
 class BuildBudget {
-public:
+   public:
     explicit BuildBudget(std::uint32_t budget) noexcept : remaining_(budget - kBuilderStateBytes) {}
     bool charge(std::uint32_t bytes) noexcept
     {
@@ -28,13 +28,13 @@ public:
     void refund(std::uint32_t bytes) noexcept { remaining_ += bytes; }
     std::uint32_t remaining() const noexcept { return remaining_; }
 
-private:
+   private:
     std::uint32_t remaining_;
 };
 
 // One vlkMalloc block with its charge, released (and refunded) when it goes out of scope.
 class ChargedBlock {
-public:
+   public:
     ChargedBlock() noexcept = default;
     ChargedBlock(const ChargedBlock&) = delete;
     ChargedBlock& operator=(const ChargedBlock&) = delete;
@@ -77,7 +77,7 @@ public:
         return static_cast<T*>(ptr_);
     }
 
-private:
+   private:
     void* ptr_ = nullptr;
     BuildBudget* budget_ = nullptr;
     std::uint32_t charge_ = 0;
@@ -87,7 +87,7 @@ private:
 // never holds two copies at once. Element i lives in chunk i >> kShift.
 template <class T, int kMaxChunks = 256>
 class ChunkedArray {
-public:
+   public:
     static constexpr int kShift = [] {
         int s = 0;
         while ((std::size_t(sizeof(T)) << (s + 1)) <= kGranule) ++s;
@@ -142,7 +142,7 @@ public:
         }
     }
 
-private:
+   private:
     bool addChunk(bool charged) noexcept
     {
         if (chunks_ == kMaxChunks) return false;

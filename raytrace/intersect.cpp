@@ -66,9 +66,8 @@ void traceBlock(std::size_t count, bool inFours, SetUp setUp, Single single, Pac
 
 }  // namespace
 
-void intersectNearest(Origins origin, const float* const dir[3], float* dist,
-                      float* const hit[2], int* triangle, const IntersectContext& ctx,
-                      PacketSize block) noexcept
+void intersectNearest(Origins origin, const float* const dir[3], float* dist, float* const hit[2],
+                      int* triangle, const IntersectContext& ctx, PacketSize block) noexcept
 {
     const std::size_t count = std::size_t(block.width) * std::size_t(block.height);
     auto single = [&](Ray& ray, std::size_t i) {
@@ -82,7 +81,8 @@ void intersectNearest(Origins origin, const float* const dir[3], float* dist,
     };
     auto setUp = [&](Ray& ray, std::size_t i) {
         triangle[i] = -1;
-        for (int k = 0; k < 3; ++k) ray.o[k] = origin.shared ? origin.shared[k] : origin.perRay[k][i];
+        for (int k = 0; k < 3; ++k)
+            ray.o[k] = origin.shared ? origin.shared[k] : origin.perRay[k][i];
         loadRay(dir, i, ray.d);
         return enterBox(ctx.pBound, dist[i], ray);
     };

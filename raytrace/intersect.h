@@ -7,14 +7,13 @@ namespace vlkr::raytrace {
 
 // The planar origins of one call: either one shared point or one point per ray.
 struct Origins {
-    const float* shared = nullptr;           // three floats, or null
-    const float* const* perRay = nullptr;    // three planes, or null
+    const float* shared = nullptr;         // three floats, or null
+    const float* const* perRay = nullptr;  // three planes, or null
 };
 
 // Nearest hit of every ray of a width x height block (arguments already checked).
-void intersectNearest(Origins origin, const float* const dir[3], float* dist,
-                      float* const hit[2], int* triangle, const IntersectContext& ctx,
-                      PacketSize block) noexcept;
+void intersectNearest(Origins origin, const float* const dir[3], float* dist, float* const hit[2],
+                      int* triangle, const IntersectContext& ctx, PacketSize block) noexcept;
 
 // Successive hits along each ray, one per layer.
 void intersectLayers(const float origin[3], const float* const dir[3], float* dist,

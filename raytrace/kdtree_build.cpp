@@ -12,11 +12,11 @@
 namespace vlkr::raytrace {
 namespace {
 
-constexpr double kMinExtent = 9.999999747378752e-06;  // axes this thin are not split
+constexpr double kMinExtent = 9.999999747378752e-06;    // axes this thin are not split
 constexpr double kThresholdScale = 0.5057569742202759;  // leaf threshold per unit of quality
 constexpr double kFacePreference = 0.699999988079071;   // discount for empty or flat cuts
-constexpr double kEmptyFraction = 0.1;   // empty space worth cutting, as a share of the extent
-constexpr double kTinyFaceArea = 1e-9;   // below this the side-face term h is 0
+constexpr double kEmptyFraction = 0.1;  // empty space worth cutting, as a share of the extent
+constexpr double kTinyFaceArea = 1e-9;  // below this the side-face term h is 0
 constexpr double kNoCost = 1.7976931348623157e308;
 constexpr std::size_t kBulkSortAbove = 320;  // longer candidate lists use the radix sort
 
@@ -68,7 +68,8 @@ bool clipTriangle(const double corner[3][3], const Box& box, float lo[3], float 
             const double sign = side == 0 ? 1.0 : -1.0;  // inside: sign * (x - plane) >= 0
             const double(*in)[3] = poly[cur];
             bool allInside = true;
-            for (int i = 0; i < count; ++i) allInside = allInside && sign * (in[i][axis] - plane) >= 0;
+            for (int i = 0; i < count; ++i)
+                allInside = allInside && sign * (in[i][axis] - plane) >= 0;
             if (allInside) continue;  // most planes cut nothing
             double(*out)[3] = poly[cur ^ 1];
             int n = 0;
@@ -254,7 +255,7 @@ void sortCandidates(Candidates& c)
 // The cheapest plane of one axis so far, by its cost before the (a + b) factor; it writes the
 // plane's position and side for flats into the axis's Split.
 class CheapestPlane {
-public:
+   public:
     CheapestPlane(const AxisFrame& ax, Split& out) noexcept : ax_(ax), out_(out) {}
 
     void consider(double cost, float pos, bool flatsLow, std::size_t nl, std::size_t nr) noexcept
@@ -268,7 +269,7 @@ public:
     }
     double cost() const noexcept { return cost_; }
 
-private:
+   private:
     const AxisFrame& ax_;
     Split& out_;
     double cost_ = kNoCost;
@@ -348,7 +349,7 @@ void sweepPlanes(const AxisFrame& ax, const Candidates& c, CheapestPlane& cheape
  * each other, into storage that grows in 16 MB chunks charged against the caller's budget.
  */
 class SahBuilder {
-public:
+   public:
     SahBuilder(const float* vertices, const int* triangles, int vertexCount, int triangleCount,
                const KDTreeBuildContext& params, std::uint32_t budget) noexcept
         : vertices_(vertices),
@@ -386,8 +387,7 @@ public:
         return vlkStatusOk;
     }
 
-private:
-
+   private:
     bool allocateWorkspace() noexcept
     {
         const std::uint32_t t = static_cast<std::uint32_t>(triangleCount_);

@@ -168,10 +168,9 @@ void walkTree(const KDTreeNode* root, const TriangleAccel* accel, float epsilon,
             const int n = list[k];
             if (accel[n].axes == 0 || hits.skip(n)) continue;
             lanes::Float1 t, p, q;
-            const auto hit =
-                hitTriangle(accel[n], o, d, lanes::Float1(hits.best), lanes::allLanes<1>(), t, p, q);
-            if (lanes::any(hit) && hits.onHit(n, t.first(), p.first(), q.first()))
-                return;
+            const auto hit = hitTriangle(accel[n], o, d, lanes::Float1(hits.best),
+                                         lanes::allLanes<1>(), t, p, q);
+            if (lanes::any(hit) && hits.onHit(n, t.first(), p.first(), q.first())) return;
         }
         if (depth == 0 || tfar >= hits.best) return;
         tnear = tfar;

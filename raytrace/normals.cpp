@@ -55,12 +55,11 @@ void triangleNormals(const float* vertices, const int* triangles, float* normals
             e1[j] = _mm_sub_pd(_mm_setr_pd(corner(k, 1, j), corner(k + 1, 1, j)), c);
             e2[j] = _mm_sub_pd(_mm_setr_pd(corner(k, 0, j), corner(k + 1, 0, j)), c);
         }
-        const __m128d m[3] = {
-            _mm_sub_pd(_mm_mul_pd(e2[1], e1[2]), _mm_mul_pd(e2[2], e1[1])),
-            _mm_sub_pd(_mm_mul_pd(e2[2], e1[0]), _mm_mul_pd(e1[2], e2[0])),
-            _mm_sub_pd(_mm_mul_pd(e1[1], e2[0]), _mm_mul_pd(e2[1], e1[0]))};
-        const __m128d squared = _mm_add_pd(_mm_add_pd(_mm_mul_pd(m[0], m[0]), _mm_mul_pd(m[1], m[1])),
-                                           _mm_mul_pd(m[2], m[2]));
+        const __m128d m[3] = {_mm_sub_pd(_mm_mul_pd(e2[1], e1[2]), _mm_mul_pd(e2[2], e1[1])),
+                              _mm_sub_pd(_mm_mul_pd(e2[2], e1[0]), _mm_mul_pd(e1[2], e2[0])),
+                              _mm_sub_pd(_mm_mul_pd(e1[1], e2[0]), _mm_mul_pd(e2[1], e1[0]))};
+        const __m128d squared = _mm_add_pd(
+            _mm_add_pd(_mm_mul_pd(m[0], m[0]), _mm_mul_pd(m[1], m[1])), _mm_mul_pd(m[2], m[2]));
         const __m128d tiny = _mm_cmplt_pd(squared, _mm_set1_pd(kMinSquaredLength));
         const __m128d length = _mm_sqrt_pd(squared);
         alignas(16) float out[3][4];
@@ -88,8 +87,7 @@ void flatNormals(const float* triangleNormals, const int* triangle, float* const
 // Barycentric blend of the three vertex normals (u weighs the first vertex, v the second),
 // renormalised in single precision.
 void smoothNormals(const float* vertexNormals, const int* normalIndices, const int* triangle,
-                   const float* const hit[2], float* const normal[3], int len,
-                   int stride) noexcept
+                   const float* const hit[2], float* const normal[3], int len, int stride) noexcept
 {
     for (int i = 0; i < len; ++i) {
         if (triangle[i] < 0) {

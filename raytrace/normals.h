@@ -10,7 +10,6 @@ void triangleNormals(const float* vertices, const int* triangles, float* normals
 void flatNormals(const float* triangleNormals, const int* triangle, float* const normal[3],
                  int len) noexcept;
 void smoothNormals(const float* vertexNormals, const int* normalIndices, const int* triangle,
-                   const float* const hit[2], float* const normal[3], int len,
-                   int stride) noexcept;
+                   const float* const hit[2], float* const normal[3], int len, int stride) noexcept;
 
 }  // namespace vlkr::raytrace

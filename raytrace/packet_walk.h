@@ -50,10 +50,10 @@ inline Packet4 gatherPacket(const Ray rays[4], int lanes, int first)
 inline __m128 laneMask4(int bits)
 {
     alignas(16) static constexpr std::uint32_t kMasks[16][4] = {
-        {0, 0, 0, 0},          {~0u, 0, 0, 0},        {0, ~0u, 0, 0},        {~0u, ~0u, 0, 0},
-        {0, 0, ~0u, 0},        {~0u, 0, ~0u, 0},      {0, ~0u, ~0u, 0},      {~0u, ~0u, ~0u, 0},
-        {0, 0, 0, ~0u},        {~0u, 0, 0, ~0u},      {0, ~0u, 0, ~0u},      {~0u, ~0u, 0, ~0u},
-        {0, 0, ~0u, ~0u},      {~0u, 0, ~0u, ~0u},    {0, ~0u, ~0u, ~0u},    {~0u, ~0u, ~0u, ~0u}};
+        {0, 0, 0, 0},     {~0u, 0, 0, 0},     {0, ~0u, 0, 0},     {~0u, ~0u, 0, 0},
+        {0, 0, ~0u, 0},   {~0u, 0, ~0u, 0},   {0, ~0u, ~0u, 0},   {~0u, ~0u, ~0u, 0},
+        {0, 0, 0, ~0u},   {~0u, 0, 0, ~0u},   {0, ~0u, 0, ~0u},   {~0u, ~0u, 0, ~0u},
+        {0, 0, ~0u, ~0u}, {~0u, 0, ~0u, ~0u}, {0, ~0u, ~0u, ~0u}, {~0u, ~0u, ~0u, ~0u}};
     return _mm_load_ps(reinterpret_cast<const float*>(kMasks[bits]));
 }
 
@@ -93,12 +93,13 @@ void walkPacket(const KDTreeNode* root, const TriangleAccel* accel, float epsilo
                 node = farChild;
                 continue;
             }
-            const int pushed =
-                toNear & ~_mm_movemask_ps(_mm_cmpgt_ps(_mm_sub_ps(t, tfar), eps));
+            const int pushed = toNear & ~_mm_movemask_ps(_mm_cmpgt_ps(_mm_sub_ps(t, tfar), eps));
             if (pushed | farOnly) {
                 stack[depth++] = {farChild, tfar, pushed, farOnly};
                 const __m128 clipped = _mm_max_ps(tnear, _mm_min_ps(t, tfar));
-                tfar = lanes::select(lanes::Mask4{laneMask4(pushed)}, lanes::Float4(clipped), lanes::Float4(tfar)).v;
+                tfar = lanes::select(lanes::Mask4{laneMask4(pushed)}, lanes::Float4(clipped),
+                                     lanes::Float4(tfar))
+                           .v;
             }
             active = toNear;
             node = nearChild;

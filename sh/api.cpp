@@ -66,7 +66,8 @@ vlkStatus basisAll(const float* x, const float* y, const float* z, int n, float*
     // Only a count of exactly 0 is an error; a negative count is nothing to do, whatever L.
     if (n == 0) return vlkStatusSize;
     if (n < 0) return vlkStatusOk;
-    if (aboveOrder(L, unsigned(state->maxOrder)) || aboveOrder(L, kMaxBand)) return vlkStatusAlgType;
+    if (aboveOrder(L, unsigned(state->maxOrder)) || aboveOrder(L, kMaxBand))
+        return vlkStatusAlgType;
     if (state->shType != SHTypeDirect && state->shType != SHTypeRecurrence) return vlkStatusAlgType;
     evaluate(x, y, z, std::size_t(n), dst, L, *state);
     return vlkStatusOk;

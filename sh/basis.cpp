@@ -90,7 +90,7 @@ void recurrence(V x, V y, V z, V* out, int L, const float* coefA, const float* c
         const float* b = coefB + rowStart(std::size_t(l));
         const V* P = out + (l - 1) * (l - 1) + (l - 1);  // band l - 1, centred on m = 0
         const V* Q = out + (l - 2) * (l - 2) + (l - 2);  // band l - 2
-        V* R = out + l * l + l;                            // band l
+        V* R = out + l * l + l;                          // band l
         const V C = P[l - 1], S = P[-(l - 1)];
         R[l] = (x * C - y * S) * V(a[l]);
         R[-l] = (y * C + x * S) * V(a[l]);
@@ -144,7 +144,8 @@ void directUpTo(float x, float y, float z, float* out) noexcept
 }
 
 template <int... kLs>
-constexpr std::array<DirectBandFn, sizeof...(kLs)> directUpToTable(std::integer_sequence<int, kLs...>)
+constexpr std::array<DirectBandFn, sizeof...(kLs)> directUpToTable(
+    std::integer_sequence<int, kLs...>)
 {
     return {directUpTo<kLs>...};
 }
@@ -182,8 +183,8 @@ void initState(SHContext* state, int maxL, int shType) noexcept
     fillTables(state->coefA, state->coefB, maxL);
 }
 
-void evaluate(const float* x, const float* y, const float* z, std::size_t n, float* dst,
-              int L, const SHContext& state) noexcept
+void evaluate(const float* x, const float* y, const float* z, std::size_t n, float* dst, int L,
+              const SHContext& state) noexcept
 {
     const std::size_t count = std::size_t(L + 1) * std::size_t(L + 1);
     if (state.shType == SHTypeRecurrence) {

@@ -15,8 +15,8 @@ long long stateSize(int maxL, int shType) noexcept;
 void initState(SHContext* state, int maxL, int shType) noexcept;
 
 // (L + 1)^2 values per direction for n directions, L <= 15, by the block's method.
-void evaluate(const float* x, const float* y, const float* z, std::size_t n, float* dst,
-              int L, const SHContext& state) noexcept;
+void evaluate(const float* x, const float* y, const float* z, std::size_t n, float* dst, int L,
+              const SHContext& state) noexcept;
 // Band L only (2L + 1 values per direction) by the closed forms.
 void evaluateBand(const float* x, const float* y, const float* z, std::size_t n, float* dst,
                   int L) noexcept;

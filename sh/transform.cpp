@@ -41,7 +41,8 @@ float dot(const float* a, const float* b, int count)
     for (; k + 8 <= count; k += 8)
         for (int j = 0; j < 8; ++j) part[j] = part[j] + a[k + j] * b[k + j];
     for (int j = 0; k < count; ++k, ++j) part[j] = part[j] + a[k] * b[k];
-    return ((part[0] + part[4]) + (part[1] + part[5])) + ((part[2] + part[6]) + (part[3] + part[7]));
+    return ((part[0] + part[4]) + (part[1] + part[5])) +
+           ((part[2] + part[6]) + (part[3] + part[7]));
 }
 
 }  // namespace

@@ -17,10 +17,7 @@ namespace vlkr::volume {
 namespace {
 
 // NaN is not greater than zero either.
-bool positive(double v)
-{
-    return v > 0;
-}
+bool positive(double v) { return v > 0; }
 
 // The checks all six resize operations share after their data pointers. The records are
 // also tested for null, which the caller would otherwise learn about from a crash.
@@ -71,10 +68,7 @@ int fallBackForSmallSource(int interpolation, int smallestSide)
     return interpolation;
 }
 
-int smallestSide(const VolumeSize& v)
-{
-    return std::min({v.width, v.height, v.depth});
-}
+int smallestSide(const VolumeSize& v) { return std::min({v.width, v.height, v.depth}); }
 
 // Inclusive last index of an extent starting at `first`, kept inside the int range.
 int lastIndex(int first, int extent)

@@ -14,24 +14,15 @@ constexpr double kEndBias = 0.5000000001;
 
 // Truncates a finite position toward zero; values beyond the int range are pinned to just
 // outside it, where every comparison that follows still reads them right.
-int truncateIndex(double v)
-{
-    return static_cast<int>(std::clamp(v, -1.0, 2147483647.0));
-}
+int truncateIndex(double v) { return static_cast<int>(std::clamp(v, -1.0, 2147483647.0)); }
 
 struct Axes {
     int origin[3], extent[3];
     explicit Axes(const Cuboid& c) : origin{c.x, c.y, c.z}, extent{c.width, c.height, c.depth} {}
 };
 
-std::uint32_t align16(std::uint32_t v)
-{
-    return (v + 15u) & ~15u;
-}
-std::uint32_t align64(std::uint32_t v)
-{
-    return (v + 63u) & ~63u;
-}
+std::uint32_t align16(std::uint32_t v) { return (v + 15u) & ~15u; }
+std::uint32_t align64(std::uint32_t v) { return (v + 63u) & ~63u; }
 
 }  // namespace
 

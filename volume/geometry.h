@@ -9,10 +9,7 @@
 
 namespace vlkr::volume {
 
-inline bool validVolume(const VolumeSize& v)
-{
-    return v.width > 0 && v.height > 0 && v.depth > 0;
-}
+inline bool validVolume(const VolumeSize& v) { return v.width > 0 && v.height > 0 && v.depth > 0; }
 
 inline bool validCuboid(const Cuboid& c)
 {

@@ -58,10 +58,7 @@ struct FourTapCubic {
 };
 
 // Two double lanes of one value; the pieces below use the compiler's lane-wise operators.
-inline __m128d lanes(double v)
-{
-    return _mm_set1_pd(v);
-}
+inline __m128d lanes(double v) { return _mm_set1_pd(v); }
 
 // A piecewise cubic on a < 1 and 1 <= a < 2, as c3 a^3 + c2 a^2 + c1 a + c0.
 struct CubicPieces {

@@ -12,10 +12,7 @@
 
 namespace vlkr::volume {
 
-inline int clampTap(int i, int size)
-{
-    return std::min(std::max(i, 0), size - 1);
-}
+inline int clampTap(int i, int size) { return std::min(std::max(i, 0), size - 1); }
 
 // Tap positions of one axis: the first tap per destination position and kTaps weight
 // arrays. Positions in [fastBegin, fastEnd) have all their taps inside the source; the
@@ -75,10 +72,7 @@ inline void blendRows(const In* const* rows, const float* w, Out* out, int n)
 
 // Weight of the second tap in 14-bit fixed point, t * 16384 rounded to nearest.
 constexpr int kFixedOne = 1 << 14;
-inline int fixedWeight(float t)
-{
-    return int(t * float(kFixedOne) + 0.5f);
-}
+inline int fixedWeight(float t) { return int(t * float(kFixedOne) + 0.5f); }
 
 // A plane value of the 8u trilinear path: the in-plane float result with 6 fractional bits,
 // rounded, so that the z blend runs on 16-bit integers.
