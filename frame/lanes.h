@@ -150,9 +150,23 @@ void passOver(int* mask, Mask<kN> m)
     }
 }
 
+// Three plane pointers or three constants from the caller, taken by value. As far as the
+// compiler can tell, a store through a caller's array may change anything else the caller
+// passed by pointer, but never the callee's own copy, so loops keep these in registers instead
+// of reloading them (and re-broadcasting constants) at every step.
+template <class T>
+struct Three {
+    T at[3];
+    template <class U>
+    Three(const U* p) : at{p[0], p[1], p[2]}  // from the caller's array of three
+    {
+    }
+    T operator[](int c) const { return at[c]; }
+};
+
 // Element i of each of three planes (x, y, z components).
-template <int kN>
-void loadPlanes(const float* const planes[3], int i, Lanes<kN> out[3])
+template <int kN, class Planes>
+void loadPlanes(const Planes& planes, int i, Lanes<kN> out[3])
 {
     for (int c = 0; c < 3; ++c) out[c] = Lanes<kN>::load(planes[c] + i);
 }

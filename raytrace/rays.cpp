@@ -21,7 +21,7 @@ constexpr float kInPlane = 0.0017453292f;
 
 // Expects packetSize.width > 0 and packetSize.height > 0.
 void makeEyeRays(const float corner[3], const float columnStep[3], const float rowStep[3],
-                 int blockColumn, int blockRow, PacketSize blockSize, float* const dir[3],
+                 int blockColumn, int blockRow, PacketSize blockSize, Three<float*> dir,
                  PacketSize packetSize) noexcept
 {
     // The block offsets are 32-bit products (wrapping like the integers they are), then floats.
@@ -44,8 +44,8 @@ void makeEyeRays(const float corner[3], const float columnStep[3], const float r
     }
 }
 
-void reflectRays(const float* const incident[3], const int* mask, const float* const normal[3],
-                 float* const reflected[3], int len) noexcept
+void reflectRays(Three<const float*> incident, const int* mask, Three<const float*> normal,
+                 Three<float*> reflected, int len) noexcept
 {
     forEachLane(len, [&](auto lane, int i) {
         using V = decltype(lane);
@@ -62,9 +62,9 @@ void reflectRays(const float* const incident[3], const int* mask, const float* c
 // Lit rays get the light-to-point vector and the cosine numerator |n . v|; the others a
 // mask of -1 and zeros. The factor's sign says on which side of the surface the eye is.
 // Every cosine and direction element is written, lit or not.
-void makeShadowRays(const float light[3], const float* factor, const float* const normal[3],
-                    const float* const hitPoint[3], int* mask, float* cosine,
-                    float* const shadowDir[3], int len) noexcept
+void makeShadowRays(Three<float> light, const float* factor, Three<const float*> normal,
+                    Three<const float*> hitPoint, int* mask, float* cosine,
+                    Three<float*> shadowDir, int len) noexcept
 {
     forEachLane(len, [&](auto lane, int i) {
         using V = decltype(lane);
@@ -83,8 +83,8 @@ void makeShadowRays(const float light[3], const float* factor, const float* cons
 }
 
 void makeHitPoints(const float* sharedOrigin, const float* const origin[3],
-                   const float* const dir[3], const float* dist, const int* mask,
-                   float* const hitPoint[3], int len, float eps) noexcept
+                   Three<const float*> dir, const float* dist, const int* mask,
+                   Three<float*> hitPoint, int len, float eps) noexcept
 {
     forEachLane(len, [&](auto lane, int i) {
         using V = decltype(lane);

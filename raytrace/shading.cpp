@@ -25,8 +25,8 @@ float divZeroNaN()
 }  // namespace
 
 // Passed-over rays are left alone, in the four-ray groups as in the single steps.
-void addMulMul(const float k[3], const float* factor, const float* const src[3], const int* mask,
-               float* const srcDst[3], int len) noexcept
+void addMulMul(Three<float> k, const float* factor, Three<const float*> src, const int* mask,
+               Three<float*> srcDst, int len) noexcept
 {
     forEachLaneAlignedTo(factor, len, [&](auto lane, int i) {
         using V = decltype(lane);
@@ -67,7 +67,7 @@ void multiply(const float* factor, const int* mask, float* srcDst, int len) noex
     });
 }
 
-void multiplyPlanes(const float* factor, const int* mask, float* const srcDst[3], int len) noexcept
+void multiplyPlanes(const float* factor, const int* mask, Three<float*> srcDst, int len) noexcept
 {
     forEachLaneAlignedTo(factor, len, [&](auto lane, int i) {
         using V = decltype(lane);
@@ -77,7 +77,7 @@ void multiplyPlanes(const float* factor, const int* mask, float* const srcDst[3]
     });
 }
 
-void dot(const float* const a[3], const float* const b[3], const int* mask, float* dst,
+void dot(Three<const float*> a, Three<const float*> b, const int* mask, float* dst,
          int len) noexcept
 {
     forEachLane(len, [&](auto lane, int i) {
@@ -91,7 +91,7 @@ void dot(const float* const a[3], const float* const b[3], const int* mask, floa
 
 // Turns each taking ray's normal against v, so that afterwards v . n <= 0 and dot = -|v . n|.
 // A NaN product keeps the normal as it is.
-void dotChangeNorm(const float* const v[3], const int* mask, float* const normal[3], float* dot,
+void dotChangeNorm(Three<const float*> v, const int* mask, Three<float*> normal, float* dot,
                    int len) noexcept
 {
     forEachLane(len, [&](auto lane, int i) {
@@ -108,7 +108,7 @@ void dotChangeNorm(const float* const v[3], const int* mask, float* const normal
 }
 
 // Distance from the point, clamped below at 1 so that callers may divide by it; passed over: 1.
-void distAttenuation(const float point[3], const float* const surface[3], const int* mask,
+void distAttenuation(Three<float> point, Three<const float*> surface, const int* mask,
                      float* dist, int len) noexcept
 {
     forEachLane(len, [&](auto lane, int i) {

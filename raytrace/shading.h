@@ -1,20 +1,23 @@
 // Masked per-ray shading arithmetic (arguments already checked, len > 0).
 #pragma once
 
+#include "frame/lanes.h"
 #include "vlkr.h"
 
 namespace vlkr::raytrace {
 
-void addMulMul(const float k[3], const float* factor, const float* const src[3], const int* mask,
-               float* const srcDst[3], int len) noexcept;
+using lanes::Three;
+
+void addMulMul(Three<float> k, const float* factor, Three<const float*> src, const int* mask,
+               Three<float*> srcDst, int len) noexcept;
 vlkStatus divide(const float* divisor, const int* mask, float* srcDst, int len) noexcept;
 void multiply(const float* factor, const int* mask, float* srcDst, int len) noexcept;
-void multiplyPlanes(const float* factor, const int* mask, float* const srcDst[3], int len) noexcept;
-void dot(const float* const a[3], const float* const b[3], const int* mask, float* dst,
+void multiplyPlanes(const float* factor, const int* mask, Three<float*> srcDst, int len) noexcept;
+void dot(Three<const float*> a, Three<const float*> b, const int* mask, float* dst,
          int len) noexcept;
-void dotChangeNorm(const float* const v[3], const int* mask, float* const normal[3], float* dot,
+void dotChangeNorm(Three<const float*> v, const int* mask, Three<float*> normal, float* dot,
                    int len) noexcept;
-void distAttenuation(const float point[3], const float* const surface[3], const int* mask,
+void distAttenuation(Three<float> point, Three<const float*> surface, const int* mask,
                      float* dist, int len) noexcept;
 
 }  // namespace vlkr::raytrace
