@@ -38,7 +38,9 @@ TEST(BuildBudget, BlocksRefundOnReleaseAndHandOverKeepsTheMemory)
     const long long base = vlkTestLiveBytes();
     ChargedBlock a;
     EXPECT_FALSE(a.acquire(budget, 2u << 20, 2u << 20));
-    ASSERT_TRUE(a.acquire(budget, 1000, 1024));
+    ASSERT_TRUE(a.acquire(budget, 1000, (1u << 20) - 400)) << "the whole account";
+    EXPECT_EQ(budget.remaining(), 0u);
+    ASSERT_TRUE(a.acquire(budget, 1000, 1024)) << "a new block releases the old one first";
     EXPECT_EQ(budget.remaining(), (1u << 20) - 400 - 1024);
     a.release();
     EXPECT_EQ(budget.remaining(), (1u << 20) - 400);

@@ -67,8 +67,8 @@ TEST(HitPoints, SharedOriginMatchesModelAndIsUnchecked)
     everyLength(204, [](Trial& t) {
         const auto o = t.shared(3), dist = t.values(t.n), d = t.triple(), m = t.masks();
         const auto p = t.triple(Role::Out);
-        return t.run(vlkrHitPoint3DEpsS0_32f_M, hitPointS0, {dist, m, d, p}, o, d, dist, m, p,
-                     Count{}, t.shared(1));
+        return t.run(vlkrHitPoint3DEpsS0_32f_M, hitPoint<const float*>, {dist, m, d, p}, o, d,
+                     dist, m, p, Count{}, t.shared(1));
     });
 }
 
@@ -77,8 +77,8 @@ TEST(HitPoints, PerRayOriginsMatchModelAndAreChecked)
     everyLength(205, [](Trial& t) {
         const auto o = t.triple(), d = t.triple(), dist = t.values(t.n), m = t.masks();
         const auto p = t.triple(Role::Out);
-        return t.run(vlkrHitPoint3DEpsM0_32f_M, hitPointM0, {dist, m, d, p, o}, o, d, dist, m, p,
-                     Count{}, t.shared(1));
+        return t.run(vlkrHitPoint3DEpsM0_32f_M, hitPoint<const float* const*>, {dist, m, d, p, o},
+                     o, d, dist, m, p, Count{}, t.shared(1));
     });
 }
 

@@ -93,13 +93,4 @@ TEST(ShadingDiv, ZeroDivisorGivesSignedInfinityOrDefaultNaNAndWarns)
     EXPECT_EQ(bits(d[0], d[1], d[2], d[3]), bits(INFINITY, -INFINITY, floatOf(kDefaultNaN), 2));
 }
 
-TEST(ShadingMul, PassedOverInfinityBecomesNaN)
-{
-    // Five aligned rays, so both the four-ray body and the tail see it.
-    std::vector<float> d(5, INFINITY), f(5, 2.0f);
-    const std::vector<int> mask(5, -1);
-    ASSERT_EQ(vlkrMul_32f_C1IM(f.data(), mask.data(), d.data(), 5), vlkStatusOk);
-    for (float x : d) EXPECT_EQ(bitsOf(x), kDefaultNaN);
-}
-
 }  // namespace

@@ -81,19 +81,16 @@ inline vlkStatus castShadow(const float light[3], const float* s, const float* c
     return vlkStatusOk;
 }
 
-inline vlkStatus hitPointM0(const float* const o[3], const float* const d[3], const float* t,
-                            const int* mask, float* const p[3], int len, float eps)
+// Hit points from per-ray origins (M0) or one shared origin (S0).
+inline float originOf(const float* const o[3], int c, int i) { return o[c][i]; }
+inline float originOf(const float o[3], int c, int) { return o[c]; }
+template <class Origin>
+vlkStatus hitPoint(Origin o, const float* const d[3], const float* t, const int* mask,
+                   float* const p[3], int len, float eps)
 {
     for (int i = 0; i < len; ++i)
-        for (int c = 0; c < 3; ++c) p[c][i] = mask[i] < 0 ? 0.0f : o[c][i] + (d[c][i] * eps) * t[i];
-    return vlkStatusOk;
-}
-
-inline vlkStatus hitPointS0(const float o[3], const float* const d[3], const float* t,
-                            const int* mask, float* const p[3], int len, float eps)
-{
-    for (int i = 0; i < len; ++i)
-        for (int c = 0; c < 3; ++c) p[c][i] = mask[i] < 0 ? 0.0f : o[c] + (d[c][i] * eps) * t[i];
+        for (int c = 0; c < 3; ++c)
+            p[c][i] = mask[i] < 0 ? 0.0f : originOf(o, c, i) + (d[c][i] * eps) * t[i];
     return vlkStatusOk;
 }
 

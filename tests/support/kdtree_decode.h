@@ -85,15 +85,11 @@ struct Triangle {
 // of a leaf box that does not list it. sahCost counts the inner nodes and triangle tests a ray
 // expects, each weighted by its box area over the root box area (over 1 for a flat root).
 inline TreeInfo decodeTree(const KDTreeNode* root, int treeSize, const float rootBox[6],
-                            int triangleCount, int maxDepth = int(raytrace::kMaxTreeDepth),
-                            const float* vertices = nullptr, const int* triangles = nullptr)
+                           int triangleCount, int maxDepth = int(raytrace::kMaxTreeDepth),
+                           const float* vertices = nullptr, const int* triangles = nullptr)
 {
     using namespace kdtree_detail;
     TreeInfo info;
-    if (!root || treeSize < 8) {
-        info.error = "no root node in a " + std::to_string(treeSize) + "-byte tree";
-        return info;
-    }
     const char* base = reinterpret_cast<const char*>(root);
     const double rootArea = std::isfinite(boxArea(rootBox)) ? boxArea(rootBox) : 0.0;
     double eps = 0.0;  // leaf boxes shrink by 1e-6 of the largest root extent
@@ -106,8 +102,7 @@ inline TreeInfo decodeTree(const KDTreeNode* root, int treeSize, const float roo
     for (int t = 0; vertices && triangles && t < triangleCount; ++t) {
         Triangle tri{t, {}, {}, {}};
         auto& p = tri.p;
-        for (int i = 0; i < 9; ++i)
-            p[i / 3][i % 3] = vertices[3LL * triangles[4LL * t + i / 3] + i % 3];
+        for (int i = 0; i < 9; ++i) p[i / 3][i % 3] = vertices[3LL * triangles[4LL * t + i / 3] + i % 3];
         bool finite = true, degenerate = true;
         for (int a = 0; a < 3; ++a) {
             const int b = (a + 1) % 3, c = (a + 2) % 3;
@@ -120,9 +115,8 @@ inline TreeInfo decodeTree(const KDTreeNode* root, int treeSize, const float roo
         if (finite && !degenerate) meshed.push_back(tri);
     }
 
-    std::vector<char> word(treeSize / 4 + 2, 0);  // 1 where a node lies, 2 a triangle list
+    std::vector<char> word(std::max(treeSize, 0) / 4 + 2, 0);  // 1: a node, 2: a triangle list
     long long misses = 0;
-    std::string firstMiss;
     auto fail = [&info](long long off, const std::string& what) {
         info.error = "node at byte " + std::to_string(off) + what;
         return false;
@@ -142,12 +136,11 @@ inline TreeInfo decodeTree(const KDTreeNode* root, int treeSize, const float roo
         if (raytrace::isInner(&n)) {
             const int axis = raytrace::splitAxis(&n);
             const float split = raytrace::splitOf(&n);
-            float below[6], above[6];
             if (axis == 3 || !std::isfinite(split) || split < box[axis] || split > box[axis + 3])
-                return fail(off, " splits axis " + std::to_string(axis) + " at " +
-                                     std::to_string(split) + ", outside its box");
+                return fail(off, " splits axis " + std::to_string(axis) + " outside its box");
             ++info.innerNodes;
             info.sahCost += weight;
+            float below[6], above[6];
             std::copy(box, box + 6, below);
             std::copy(box, box + 6, above);
             below[axis + 3] = above[axis] = split;
@@ -163,9 +156,7 @@ inline TreeInfo decodeTree(const KDTreeNode* root, int treeSize, const float roo
         std::copy(box, box + 6, leaf.box);
         if (n.data > 0) {  // a list of n.data numbers, which must lie past the node
             const long long start = off - raytrace::listBackOffset(&n), end = start + 4LL * n.data;
-            if (start < off + 8 || end > treeSize)
-                return fail(off, " lists triangles at bytes " + std::to_string(start) + ".." +
-                                     std::to_string(end) + ", not after it in the tree");
+            if (start < off + 8 || end > treeSize) return fail(off, " lists outside the tree");
             for (long long w = start / 4; w < end / 4; ++w) {
                 if (word[w] == 1) return fail(off, " has its triangle list over a node");
                 word[w] = 2;
@@ -181,9 +172,7 @@ inline TreeInfo decodeTree(const KDTreeNode* root, int treeSize, const float roo
             ++info.emptyLeaves;
         }
         for (int t : leaf.triangles)
-            if (t < 0 || t >= triangleCount)
-                return fail(off, " lists triangle " + std::to_string(t) + " of " +
-                                     std::to_string(triangleCount));
+            if (t < 0 || t >= triangleCount) return fail(off, " lists triangle " + std::to_string(t));
         info.triangleRefs += static_cast<long long>(leaf.triangles.size());
         info.sahCost += weight * double(leaf.triangles.size());
 
@@ -203,8 +192,8 @@ inline TreeInfo decodeTree(const KDTreeNode* root, int treeSize, const float roo
             }
             if (inside && triangleCrossesOpenBox(t->p, lo, hi) &&
                 !std::binary_search(listed.begin(), listed.end(), t->index) && misses++ == 0)
-                firstMiss = "triangle " + std::to_string(t->index) + " crosses the leaf at byte " +
-                            std::to_string(off) + " but is not listed there";
+                info.error = "triangle " + std::to_string(t->index) + " crosses the leaf at byte " +
+                             std::to_string(off) + " but is not listed there";
         }
         info.leafList.push_back(std::move(leaf));
         return true;
@@ -215,7 +204,6 @@ inline TreeInfo decodeTree(const KDTreeNode* root, int treeSize, const float roo
     if (!visit(0, 0, rootBox, all)) return info;
     info.leaves = static_cast<int>(info.leafList.size());
     info.valid = misses == 0;
-    if (misses) info.error = firstMiss + " (" + std::to_string(misses) + " misses in all)";
     return info;
 }
 
