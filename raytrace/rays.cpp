@@ -63,8 +63,8 @@ void reflectRays(Three<const float*> incident, const int* mask, Three<const floa
 // mask of -1 and zeros. The factor's sign says on which side of the surface the eye is.
 // Every cosine and direction element is written, lit or not.
 void makeShadowRays(Three<float> light, const float* factor, Three<const float*> normal,
-                    Three<const float*> hitPoint, int* mask, float* cosine,
-                    Three<float*> shadowDir, int len) noexcept
+                    Three<const float*> hitPoint, int* mask, float* cosine, Three<float*> shadowDir,
+                    int len) noexcept
 {
     forEachLane(len, [&](auto lane, int i) {
         using V = decltype(lane);
@@ -82,9 +82,9 @@ void makeShadowRays(Three<float> light, const float* factor, Three<const float*>
     });
 }
 
-void makeHitPoints(const float* sharedOrigin, const float* const origin[3],
-                   Three<const float*> dir, const float* dist, const int* mask,
-                   Three<float*> hitPoint, int len, float eps) noexcept
+void makeHitPoints(const float* sharedOrigin, const float* const origin[3], Three<const float*> dir,
+                   const float* dist, const int* mask, Three<float*> hitPoint, int len,
+                   float eps) noexcept
 {
     forEachLane(len, [&](auto lane, int i) {
         using V = decltype(lane);

@@ -14,11 +14,11 @@ void makeEyeRays(const float corner[3], const float columnStep[3], const float r
 void reflectRays(Three<const float*> incident, const int* mask, Three<const float*> normal,
                  Three<float*> reflected, int len) noexcept;
 void makeShadowRays(Three<float> light, const float* factor, Three<const float*> normal,
-                    Three<const float*> hitPoint, int* mask, float* cosine,
-                    Three<float*> shadowDir, int len) noexcept;
+                    Three<const float*> hitPoint, int* mask, float* cosine, Three<float*> shadowDir,
+                    int len) noexcept;
 // One shared origin (sharedOrigin != nullptr) or one per ray.
-void makeHitPoints(const float* sharedOrigin, const float* const origin[3],
-                   Three<const float*> dir, const float* dist, const int* mask,
-                   Three<float*> hitPoint, int len, float eps) noexcept;
+void makeHitPoints(const float* sharedOrigin, const float* const origin[3], Three<const float*> dir,
+                   const float* dist, const int* mask, Three<float*> hitPoint, int len,
+                   float eps) noexcept;
 
 }  // namespace vlkr::raytrace

@@ -108,8 +108,8 @@ void dotChangeNorm(Three<const float*> v, const int* mask, Three<float*> normal,
 }
 
 // Distance from the point, clamped below at 1 so that callers may divide by it; passed over: 1.
-void distAttenuation(Three<float> point, Three<const float*> surface, const int* mask,
-                     float* dist, int len) noexcept
+void distAttenuation(Three<float> point, Three<const float*> surface, const int* mask, float* dist,
+                     int len) noexcept
 {
     forEachLane(len, [&](auto lane, int i) {
         using V = decltype(lane);

@@ -17,7 +17,7 @@ void dot(Three<const float*> a, Three<const float*> b, const int* mask, float* d
          int len) noexcept;
 void dotChangeNorm(Three<const float*> v, const int* mask, Three<float*> normal, float* dot,
                    int len) noexcept;
-void distAttenuation(Three<float> point, Three<const float*> surface, const int* mask,
-                     float* dist, int len) noexcept;
+void distAttenuation(Three<float> point, Three<const float*> surface, const int* mask, float* dist,
+                     int len) noexcept;
 
 }  // namespace vlkr::raytrace
