@@ -161,26 +161,30 @@ struct Three {
     Three(const U* p) : at{p[0], p[1], p[2]}  // from the caller's array of three
     {
     }
+    Three() = default;
     T operator[](int c) const { return at[c]; }
+    T& operator[](int c) { return at[c]; }
 };
 
 // Element i of each of three planes (x, y, z components).
-template <int kN, class Planes>
-void loadPlanes(const Planes& planes, int i, Lanes<kN> out[3])
+template <class V, class Planes>
+Three<V> loadPlanes(const Planes& planes, int i)
 {
-    for (int c = 0; c < 3; ++c) out[c] = Lanes<kN>::load(planes[c] + i);
+    Three<V> out;
+    for (int c = 0; c < 3; ++c) out[c] = V::load(planes[c] + i);
+    return out;
 }
 
 // Dot products of three-component lanes in the two summation orders the operations define:
 // x, y, then z; or y and z first, x last.
-template <int kN>
-Lanes<kN> dotXYZ(const Lanes<kN> a[3], const Lanes<kN> b[3])
+template <class V>
+V dotXYZ(const Three<V>& a, const Three<V>& b)
 {
     return (a[0] * b[0] + a[1] * b[1]) + a[2] * b[2];
 }
 
-template <int kN>
-Lanes<kN> dotYZX(const Lanes<kN> a[3], const Lanes<kN> b[3])
+template <class V>
+V dotYZX(const Three<V>& a, const Three<V>& b)
 {
     return (a[1] * b[1] + a[2] * b[2]) + a[0] * b[0];
 }

@@ -50,9 +50,7 @@ void reflectRays(Three<const float*> incident, const int* mask, Three<const floa
     forEachLane(len, [&](auto lane, int i) {
         using V = decltype(lane);
         const auto take = takes(mask + i, lane);
-        V d[3], n[3];
-        loadPlanes(incident, i, d);
-        loadPlanes(normal, i, n);
+        const auto d = loadPlanes<V>(incident, i), n = loadPlanes<V>(normal, i);
         const V t = dotYZX(d, n);
         const V twice = t + t;
         for (int c = 0; c < 3; ++c) zeroUnless(take, d[c] - n[c] * twice).store(reflected[c] + i);
@@ -69,9 +67,8 @@ void makeShadowRays(Three<float> light, const float* factor, Three<const float*>
     forEachLane(len, [&](auto lane, int i) {
         using V = decltype(lane);
         const auto take = takes(mask + i, lane);
-        V v[3], n[3];
-        loadPlanes(hitPoint, i, v);
-        loadPlanes(normal, i, n);
+        auto v = loadPlanes<V>(hitPoint, i);
+        const auto n = loadPlanes<V>(normal, i);
         for (int c = 0; c < 3; ++c) v[c] = v[c] - V(light[c]);
         V t = dotYZX(v, n);
         t = select(abs(t) < V(kInPlane), V(0.0f), t);

@@ -82,10 +82,8 @@ void dot(Three<const float*> a, Three<const float*> b, const int* mask, float* d
 {
     forEachLane(len, [&](auto lane, int i) {
         using V = decltype(lane);
-        V u[3], w[3];
-        loadPlanes(a, i, u);
-        loadPlanes(b, i, w);
-        zeroUnless(takes(mask + i, lane), dotXYZ(u, w)).store(dst + i);
+        const V product = dotXYZ(loadPlanes<V>(a, i), loadPlanes<V>(b, i));
+        zeroUnless(takes(mask + i, lane), product).store(dst + i);
     });
 }
 
@@ -97,10 +95,8 @@ void dotChangeNorm(Three<const float*> v, const int* mask, Three<float*> normal,
     forEachLane(len, [&](auto lane, int i) {
         using V = decltype(lane);
         const auto take = takes(mask + i, lane);
-        V n[3], w[3];
-        loadPlanes(normal, i, n);
-        loadPlanes(v, i, w);
-        const V t = dotXYZ(w, n);
+        const auto n = loadPlanes<V>(normal, i);
+        const V t = dotXYZ(loadPlanes<V>(v, i), n);
         const V sigma = select(t > V(0.0f), V(-1.0f), V(1.0f));
         for (int c = 0; c < 3; ++c) select(take, n[c] * sigma, n[c]).store(normal[c] + i);
         zeroUnless(take, t * sigma).store(dot + i);
@@ -113,8 +109,7 @@ void distAttenuation(Three<float> point, Three<const float*> surface, const int*
 {
     forEachLane(len, [&](auto lane, int i) {
         using V = decltype(lane);
-        V delta[3];
-        loadPlanes(surface, i, delta);
+        auto delta = loadPlanes<V>(surface, i);
         for (int c = 0; c < 3; ++c) delta[c] = delta[c] - V(point[c]);
         const V e = dotXYZ(delta, delta);
         const V one(1.0f);
