@@ -1,6 +1,8 @@
 // Intersection benchmarks on the standard scenes: eye, shadow, random and layered rays, in
-// millions of rays per second, beside Embree 3 on one thread with the same rays.
+// millions of rays per second, beside Embree 3 on one thread with the same rays, once on its
+// SSE2 kernels and once on the widest this machine has.
 #include <cfloat>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,7 +30,8 @@ struct Workload {
     Scene scene;
     RaySet eye, shadow, random;
 #ifdef VLKR_HAVE_EMBREE
-    std::unique_ptr<EmbreeScene> embree;
+    std::unique_ptr<EmbreeScene> embree[std::size(kEmbreeIsas)];
+    const EmbreeScene& embreeScene(EmbreeIsa isa) const { return *embree[int(isa)]; }
 #endif
     explicit Workload(Mesh m) : scene(std::move(m), KDTreeBuildSAH, kSceneMemory)
     {
@@ -36,7 +39,9 @@ struct Workload {
         shadow = shadowRays(scene, eye);
         random = randomRays(scene.box, kRandomRays);
 #ifdef VLKR_HAVE_EMBREE
-        embree = std::make_unique<EmbreeScene>(scene.mesh, RTC_BUILD_QUALITY_HIGH);
+        for (EmbreeIsa isa : kEmbreeIsas)
+            embree[int(isa)] =
+                std::make_unique<EmbreeScene>(scene.mesh, RTC_BUILD_QUALITY_HIGH, isa);
 #endif
     }
 };
@@ -123,8 +128,7 @@ void BM_Layers(benchmark::State& state, Workload* w)
     const VolumeSize vol{r.width, r.height, kLayers};
     for (auto _ : state) {
         std::fill(dist.begin(), dist.begin() + r.size(), FLT_MAX);
-        vlkrIntersectMultipleSO_32f(r.eye, dir, dist.data(), hit, tri.data(), &vol,
-                                    &w->scene.ctx);
+        vlkrIntersectMultipleSO_32f(r.eye, dir, dist.data(), hit, tri.data(), &vol, &w->scene.ctx);
         benchmark::ClobberMemory();
     }
     std::size_t hits = 0;
@@ -134,36 +138,92 @@ void BM_Layers(benchmark::State& state, Workload* w)
 }
 
 #ifdef VLKR_HAVE_EMBREE
-void BM_EmbreeIntersect1(benchmark::State& state, Workload* w)
-{
-    for (auto _ : state) benchmark::DoNotOptimize(embreeIntersect1(*w->embree, w->eye));
-    countRays(state, w->eye.size());
-}
-
-void BM_EmbreePackets(benchmark::State& state, Workload* w, int pw, int ph)
-{
-    for (auto _ : state) benchmark::DoNotOptimize(embreeIntersectPackets(*w->embree, w->eye, pw, ph));
-    countRays(state, w->eye.size());
-}
-
-void BM_EmbreeOccluded1(benchmark::State& state, Workload* w)
+std::size_t tracedShadowRays(const Workload* w)
 {
     std::size_t traced = 0;
     for (int m : w->shadow.mask) traced += m >= 0;
-    for (auto _ : state) benchmark::DoNotOptimize(embreeOccluded1(*w->embree, w->shadow));
-    countRays(state, traced);
+    return traced;
 }
 
-void BM_EmbreeRandom1(benchmark::State& state, Workload* w)
+void BM_EmbreeIntersect1(benchmark::State& state, Workload* w, EmbreeIsa isa)
 {
-    for (auto _ : state) benchmark::DoNotOptimize(embreeIntersect1(*w->embree, w->random));
+    for (auto _ : state) benchmark::DoNotOptimize(embreeIntersect1(w->embreeScene(isa), w->eye));
+    countRays(state, w->eye.size());
+}
+
+template <int PW, int PH>
+void BM_EmbreePackets(benchmark::State& state, Workload* w, EmbreeIsa isa)
+{
+    for (auto _ : state)
+        benchmark::DoNotOptimize(embreeIntersectPackets(w->embreeScene(isa), w->eye, PW, PH));
+    countRays(state, w->eye.size());
+}
+
+void BM_EmbreeOccluded1(benchmark::State& state, Workload* w, EmbreeIsa isa)
+{
+    for (auto _ : state) benchmark::DoNotOptimize(embreeOccluded1(w->embreeScene(isa), w->shadow));
+    countRays(state, tracedShadowRays(w));
+}
+
+void BM_EmbreeOccluded4(benchmark::State& state, Workload* w, EmbreeIsa isa)
+{
+    for (auto _ : state)
+        benchmark::DoNotOptimize(embreeOccludedPackets(w->embreeScene(isa), w->shadow, 2, 2));
+    countRays(state, tracedShadowRays(w));
+}
+
+void BM_EmbreeRandom1(benchmark::State& state, Workload* w, EmbreeIsa isa)
+{
+    for (auto _ : state) benchmark::DoNotOptimize(embreeIntersect1(w->embreeScene(isa), w->random));
     countRays(state, w->random.size());
 }
 
-void BM_EmbreeLayers(benchmark::State& state, Workload* w)
+void BM_EmbreeRandom4(benchmark::State& state, Workload* w, EmbreeIsa isa)
 {
-    for (auto _ : state) benchmark::DoNotOptimize(embreeLayers(*w->embree, w->eye, kLayers));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(embreeIntersectPackets(w->embreeScene(isa), w->random, 4, 1));
+    countRays(state, w->random.size());
+}
+
+void BM_EmbreeLayers(benchmark::State& state, Workload* w, EmbreeIsa isa)
+{
+    for (auto _ : state)
+        benchmark::DoNotOptimize(embreeLayers(w->embreeScene(isa), w->eye, kLayers));
     countRays(state, w->eye.size());
+}
+
+// The peer forms that trace each kind of ray, registered per scene and device; the table puts
+// our row beside the fastest form on each device.
+struct PeerForm {
+    const char* label;
+    const char* name;
+    void (*run)(benchmark::State&, Workload*, EmbreeIsa);
+};
+struct RayKind {
+    const char* label;
+    const char* ours;
+    std::vector<PeerForm> forms;
+};
+const std::vector<RayKind>& rayKinds()
+{
+    static const std::vector<RayKind> kinds = {
+        {"eye",
+         "BM_EyeSO",
+         {{"rtcIntersect1", "BM_EmbreeIntersect1", BM_EmbreeIntersect1},
+          {"rtcIntersect4", "BM_EmbreeIntersect4", BM_EmbreePackets<2, 2>},
+          {"rtcIntersect8", "BM_EmbreeIntersect8", BM_EmbreePackets<4, 2>},
+          {"rtcIntersect16", "BM_EmbreeIntersect16", BM_EmbreePackets<4, 4>}}},
+        {"shadow",
+         "BM_AnySO",
+         {{"rtcOccluded1", "BM_EmbreeOccluded1", BM_EmbreeOccluded1},
+          {"rtcOccluded4", "BM_EmbreeOccluded4", BM_EmbreeOccluded4}}},
+        {"random",
+         "BM_MO",
+         {{"rtcIntersect1", "BM_EmbreeRandom1", BM_EmbreeRandom1},
+          {"rtcIntersect4", "BM_EmbreeRandom4", BM_EmbreeRandom4}}},
+        {"layers", "BM_Layers4", {{"rtcIntersect1", "BM_EmbreeLayers4", BM_EmbreeLayers}}},
+    };
+    return kinds;
 }
 #endif
 
@@ -173,32 +233,32 @@ int main(int argc, char** argv)
 {
     benchmark::Initialize(&argc, argv);
     RatioReporter reporter;
+    reporter.bestOfTable(RatioReporter::Measure::MItemsPerSecond, "Mrays/s",
+                         {"Embree SSE2", "Embree native"});
     for (auto& w : workloads()) {
         const std::string s = "/" + w->scene.mesh.name;
         auto reg = [&](const std::string& name, auto fn) {
-            benchmark::RegisterBenchmark((name + s).c_str(), fn)->Unit(benchmark::kMillisecond);
+            benchmark::RegisterBenchmark(name.c_str(), fn)->Unit(benchmark::kMillisecond);
         };
         Workload* p = w.get();
-        reg("BM_EyeSO", [p](benchmark::State& st) { BM_EyeSO(st, p); });
-        reg("BM_AnySO", [p](benchmark::State& st) { BM_AnySO(st, p); });
-        reg("BM_MO", [p](benchmark::State& st) { BM_MO(st, p); });
-        reg("BM_Layers4", [p](benchmark::State& st) { BM_Layers(st, p); });
+        reg("BM_EyeSO" + s, [p](benchmark::State& st) { BM_EyeSO(st, p); });
+        reg("BM_AnySO" + s, [p](benchmark::State& st) { BM_AnySO(st, p); });
+        reg("BM_MO" + s, [p](benchmark::State& st) { BM_MO(st, p); });
+        reg("BM_Layers4" + s, [p](benchmark::State& st) { BM_Layers(st, p); });
 #ifdef VLKR_HAVE_EMBREE
-        reg("BM_EmbreeIntersect1", [p](benchmark::State& st) { BM_EmbreeIntersect1(st, p); });
-        reg("BM_EmbreeIntersect4", [p](benchmark::State& st) { BM_EmbreePackets(st, p, 2, 2); });
-        reg("BM_EmbreeIntersect8", [p](benchmark::State& st) { BM_EmbreePackets(st, p, 4, 2); });
-        reg("BM_EmbreeIntersect16", [p](benchmark::State& st) { BM_EmbreePackets(st, p, 4, 4); });
-        reg("BM_EmbreeOccluded1", [p](benchmark::State& st) { BM_EmbreeOccluded1(st, p); });
-        reg("BM_EmbreeRandom1", [p](benchmark::State& st) { BM_EmbreeRandom1(st, p); });
-        reg("BM_EmbreeLayers4", [p](benchmark::State& st) { BM_EmbreeLayers(st, p); });
+        for (const RayKind& kind : rayKinds()) {
+            std::vector<std::vector<RatioReporter::Form>> groups;
+            for (EmbreeIsa isa : kEmbreeIsas) {
+                groups.emplace_back();
+                for (const PeerForm& f : kind.forms) {
+                    const std::string name = f.name + s + "/" + embreeIsaName(isa);
+                    reg(name, [p, isa, run = f.run](benchmark::State& st) { run(st, p, isa); });
+                    groups.back().push_back({f.label, name});
+                }
+            }
+            reporter.compareBest(w->scene.mesh.name + " " + kind.label, kind.ours + s, groups);
+        }
 #endif
-        const char* label = "our rays/s / Embree's";
-        for (const char* peer : {"BM_EmbreeIntersect1", "BM_EmbreeIntersect4", "BM_EmbreeIntersect8",
-                                 "BM_EmbreeIntersect16"})
-            reporter.compare(peer + s, "BM_EyeSO" + s, label);
-        reporter.compare("BM_EmbreeOccluded1" + s, "BM_AnySO" + s, label);
-        reporter.compare("BM_EmbreeRandom1" + s, "BM_MO" + s, label);
-        reporter.compare("BM_EmbreeLayers4" + s, "BM_Layers4" + s, label);
     }
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();

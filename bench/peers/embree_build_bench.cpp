@@ -31,11 +31,12 @@ const Mesh& bunnyMesh()
     return s;
 }
 
-void BM_EmbreeBuild(benchmark::State& state, const Mesh& (*scene)(), RTCBuildQuality quality)
+void BM_EmbreeBuild(benchmark::State& state, const Mesh& (*scene)(), RTCBuildQuality quality,
+                    EmbreeIsa isa)
 {
     const Mesh& s = scene();
-    embreeDevice();  // device start-up stays out of the timed loop
-    for (auto _ : state) embreeBuildAndRelease(s, quality);
+    embreeDevice(isa);  // device start-up stays out of the timed loop
+    for (auto _ : state) embreeBuildAndRelease(s, quality, isa);
     state.SetItemsProcessed(int64_t(state.iterations()) * s.triangleCount());
 }
 
@@ -51,8 +52,10 @@ void registerEmbreeBuildBenchmarks()
         const char* name;
         const Mesh& (*get)();
     };
-    const SceneEntry scenes[] = {
-        {"terrain512", terrain512}, {"spheres", spheres}, {"soup100k", soup100k}, {"bunny", bunnyMesh}};
+    const SceneEntry scenes[] = {{"terrain512", terrain512},
+                                 {"spheres", spheres},
+                                 {"soup100k", soup100k},
+                                 {"bunny", bunnyMesh}};
     struct QualityEntry {
         const char* name;
         RTCBuildQuality quality;
@@ -61,11 +64,13 @@ void registerEmbreeBuildBenchmarks()
                                       {"medium", RTC_BUILD_QUALITY_MEDIUM}};
 
     for (const SceneEntry& s : scenes)
-        for (const QualityEntry& q : qualities) {
-            const std::string name = std::string("BM_EmbreeBuild/") + s.name + "/" + q.name;
-            benchmark::RegisterBenchmark(name.c_str(), BM_EmbreeBuild, s.get, q.quality)
-                ->Unit(benchmark::kMillisecond);
-        }
+        for (const QualityEntry& q : qualities)
+            for (EmbreeIsa isa : kEmbreeIsas) {
+                const std::string name = std::string("BM_EmbreeBuild/") + s.name + "/" + q.name +
+                                         "/" + embreeIsaName(isa);
+                benchmark::RegisterBenchmark(name.c_str(), BM_EmbreeBuild, s.get, q.quality, isa)
+                    ->Unit(benchmark::kMillisecond);
+            }
 }
 
 }  // namespace vlkr::bench
