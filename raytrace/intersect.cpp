@@ -12,6 +12,9 @@
 namespace vlkr::raytrace {
 namespace {
 
+// How many single-ray walks take turns; enough to keep several node fetches in flight.
+constexpr int kInterleavedRays = 16;
+
 void loadRay(const float* const dir[3], std::size_t i, float d[3]) noexcept
 {
     for (int k = 0; k < 3; ++k) d[k] = dir[k][i];
@@ -70,14 +73,17 @@ void intersectNearest(Origins origin, const float* const dir[3], float* dist, fl
                       int* triangle, const IntersectContext& ctx, PacketSize block) noexcept
 {
     const std::size_t count = std::size_t(block.width) * std::size_t(block.height);
-    auto single = [&](Ray& ray, std::size_t i) {
-        NearestHit h{dist[i]};
-        walkTree(ctx.pRootNode, ctx.pAccel, kNodeEpsilon, ray, h);
+    auto store = [&](std::size_t i, const NearestHit& h) {
         if (h.triangle < 0) return;
         dist[i] = h.best;
         hit[0][i] = h.p;
         hit[1][i] = h.q;
         triangle[i] = h.triangle;
+    };
+    auto single = [&](Ray& ray, std::size_t i) {
+        NearestHit h{dist[i]};
+        walkTree(ctx.pRootNode, ctx.pAccel, kNodeEpsilon, ray, h);
+        store(i, h);
     };
     auto setUp = [&](Ray& ray, std::size_t i) {
         triangle[i] = -1;
@@ -87,8 +93,20 @@ void intersectNearest(Origins origin, const float* const dir[3], float* dist, fl
         return enterBox(ctx.pBound, dist[i], ray);
     };
 
-    // Rays from one origin travel together in fours; per-ray origins are rarely coherent
-    // enough to share a walk, so they go one by one.
+    // Per-ray origins are rarely coherent enough to share a walk; their walks take turns
+    // instead, so that their node fetches overlap.
+    if (!origin.shared) {
+        walkInterleaved<kInterleavedRays, NearestHit>(
+            ctx.pRootNode, ctx.pAccel, kNodeEpsilon, count,
+            [&](std::size_t i, Ray& ray, NearestHit& h) {
+                h.best = dist[i];
+                return setUp(ray, i);
+            },
+            store);
+        return;
+    }
+
+    // Rays from one origin travel together in fours.
     auto packet = [&](Packet4& p, int lanes, std::size_t i) {
         alignas(16) float best[4];
         for (int l = 0; l < 4; ++l) best[l] = dist[i + l];
@@ -108,7 +126,7 @@ void intersectNearest(Origins origin, const float* const dir[3], float* dist, fl
             triangle[i + l] = tri[l];
         }
     };
-    traceBlock(count, origin.shared != nullptr, setUp, single, packet);
+    traceBlock(count, true, setUp, single, packet);
 }
 
 void intersectLayers(const float origin[3], const float* const dir[3], float* dist,

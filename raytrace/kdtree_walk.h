@@ -1,6 +1,9 @@
 // The single-ray k-d tree walk and ray/triangle test that every intersection query shares.
 #pragma once
 
+#include <xmmintrin.h>
+
+#include <cstddef>
 #include <cstdint>
 
 #include "constants.h"
@@ -131,36 +134,89 @@ inline typename V::Mask hitTriangle(const TriangleAccel& a, const V o[3], const 
  * lies wholly beyond the best hit. The build keeps depth <= kMaxTreeDepth, which bounds
  * the stack.
  * The policy decides which triangles count and what a hit does (returns true to stop).
+ *
+ * The walk advances one node per step, so a caller may run several walks in turn and let the
+ * fetch of one ray's next node overlap the work of the others; each step asks the cache for
+ * the node it moves to. Run alone, the steps are the plain loop.
  */
 template <class Policy>
-void walkTree(const KDTreeNode* root, const TriangleAccel* accel, float epsilon, Ray& r,
-              Policy& hits) noexcept
-{
-    struct Entry {
-        const KDTreeNode* node;
-        float tfar;
-    } stack[kMaxTreeDepth];  // one entry at most per inner node between the root and a leaf
-    int depth = 0;
-    const KDTreeNode* node = root;
-    float tnear = r.tnear, tfar = r.tfar;
-    const lanes::Float1 o[3] = {r.o[0], r.o[1], r.o[2]}, d[3] = {r.d[0], r.d[1], r.d[2]};
-    for (;;) {
-        while (isInner(node)) {
-            const int axis = splitAxis(node);
-            const float t = (splitOf(node) - r.o[axis]) * r.inv[axis];
-            const KDTreeNode* pair = childPair(node);
-            const KDTreeNode* nearChild = pair + r.sign[axis];
-            const KDTreeNode* farChild = pair + (1 - r.sign[axis]);
-            if (tnear - t > epsilon) {
-                node = farChild;
-                continue;
-            }
-            node = nearChild;
-            if (!(t - tfar > epsilon)) {
-                stack[depth++] = {farChild, tfar};
-                tfar = maxOf(tnear, minOf(t, tfar));
-            }
+class TreeWalk {
+   public:
+    Policy hits;
+
+    TreeWalk() = default;
+    TreeWalk(const KDTreeNode* root, const Ray& r, const Policy& h) noexcept { begin(root, r, h); }
+
+    void begin(const KDTreeNode* root, const Ray& r, const Policy& h) noexcept
+    {
+        hits = h;
+        ray_ = r;
+        node_ = root;
+        depth_ = 0;
+        leafReady_ = false;
+        tnear_ = r.tnear;
+        tfar_ = r.tfar;
+    }
+
+    // Visits one inner node, or one leaf and the stack entry after it; false once the ray is
+    // done.
+    bool step(const TriangleAccel* accel, float epsilon) noexcept
+    {
+        const KDTreeNode* node = node_;
+        if (isInner(node)) {
+            node_ = innerStep(node, epsilon);
+            prefetch(node_);
+            return true;
         }
+        if (!leafReady_) {
+            // The triangle records are the other cache misses of a walk: ask for them now
+            // and test them on the next step.
+            leafReady_ = true;
+            int local[3];
+            const int* list = nullptr;
+            const int count = leafTriangles(node, local, &list);
+            for (int k = 0; k < count; ++k)
+                _mm_prefetch(reinterpret_cast<const char*>(accel + list[k]), _MM_HINT_T0);
+            if (count > 0) return true;
+        }
+        leafReady_ = false;
+        if (testLeaf(node, accel)) return false;
+        if (depth_ == 0 || tfar_ >= hits.best) return false;
+        tnear_ = tfar_;
+        --depth_;
+        node_ = stack_[depth_].node;
+        tfar_ = stack_[depth_].tfar;
+        prefetch(node_);
+        return true;
+    }
+
+   private:
+    // Decides one inner node and returns the child to visit, keeping the far one on the stack.
+    const KDTreeNode* innerStep(const KDTreeNode* node, float epsilon) noexcept
+    {
+        const int axis = splitAxis(node);
+        const float t = (splitOf(node) - ray_.o[axis]) * ray_.inv[axis];
+        const KDTreeNode* pair = childPair(node);
+        const KDTreeNode* nearChild = pair + ray_.sign[axis];
+        const KDTreeNode* farChild = pair + (1 - ray_.sign[axis]);
+        if (tnear_ - t > epsilon) return farChild;
+        if (!(t - tfar_ > epsilon)) {
+            stack_[depth_++] = {farChild, tfar_};
+            tfar_ = maxOf(tnear_, minOf(t, tfar_));
+        }
+        return nearChild;
+    }
+
+    static void prefetch(const KDTreeNode* node) noexcept
+    {
+        _mm_prefetch(reinterpret_cast<const char*>(node), _MM_HINT_T0);
+    }
+
+    // Tests the leaf's triangles in list order; true when the policy ends the ray.
+    bool testLeaf(const KDTreeNode* node, const TriangleAccel* accel) noexcept
+    {
+        const lanes::Float1 o[3] = {ray_.o[0], ray_.o[1], ray_.o[2]};
+        const lanes::Float1 d[3] = {ray_.d[0], ray_.d[1], ray_.d[2]};
         int local[3];
         const int* list = nullptr;
         const int count = leafTriangles(node, local, &list);
@@ -170,13 +226,76 @@ void walkTree(const KDTreeNode* root, const TriangleAccel* accel, float epsilon,
             lanes::Float1 t, p, q;
             const auto hit = hitTriangle(accel[n], o, d, lanes::Float1(hits.best),
                                          lanes::allLanes<1>(), t, p, q);
-            if (lanes::any(hit) && hits.onHit(n, t.first(), p.first(), q.first())) return;
+            if (lanes::any(hit) && hits.onHit(n, t.first(), p.first(), q.first())) return true;
         }
-        if (depth == 0 || tfar >= hits.best) return;
-        tnear = tfar;
-        --depth;
-        node = stack[depth].node;
-        tfar = stack[depth].tfar;
+        return false;
+    }
+
+    struct Entry {
+        const KDTreeNode* node;
+        float tfar;
+    };
+    Ray ray_;
+    const KDTreeNode* node_;
+    int depth_;
+    bool leafReady_;  // the current leaf's records were asked for
+    float tnear_, tfar_;
+    Entry stack_[kMaxTreeDepth];  // one entry at most per inner node between the root and a leaf
+};
+
+// The whole walk of one ray at once; the policy holds the outcome.
+template <class Policy>
+void walkTree(const KDTreeNode* root, const TriangleAccel* accel, float epsilon, Ray& r,
+              Policy& hits) noexcept
+{
+    TreeWalk<Policy> walk(root, r, hits);
+    while (walk.step(accel, epsilon)) {
+    }
+    hits = walk.hits;
+}
+
+/*
+ * Walks rays 0 .. count - 1 kSlots at a time, taking turns one step each, so that the cache
+ * misses of rays that go separate ways overlap instead of queueing. start(i, ray, hits) sets
+ * ray i up and returns false when it has nothing to walk; finish(i, hits) takes its outcome.
+ * Every ray takes exactly the steps of its own walk.
+ */
+template <int kSlots, class Policy, class Start, class Finish>
+void walkInterleaved(const KDTreeNode* root, const TriangleAccel* accel, float epsilon,
+                     std::size_t count, Start start, Finish finish) noexcept
+{
+    TreeWalk<Policy> walk[kSlots];
+    std::size_t ray[kSlots];
+    std::size_t next = 0;
+    auto refill = [&](int s) {
+        while (next < count) {
+            const std::size_t i = next++;
+            Ray r;
+            Policy h;
+            if (!start(i, r, h)) continue;
+            walk[s].begin(root, r, h);
+            ray[s] = i;
+            return true;
+        }
+        return false;
+    };
+    int live = 0;
+    while (live < kSlots && refill(live)) ++live;
+    while (live > 0) {
+        for (int s = 0; s < live;) {
+            if (walk[s].step(accel, epsilon)) {
+                ++s;
+                continue;
+            }
+            finish(ray[s], walk[s].hits);
+            if (refill(s)) continue;
+            // No rays left to start: the last live walk takes this slot.
+            --live;
+            if (s < live) {
+                walk[s] = walk[live];
+                ray[s] = ray[live];
+            }
+        }
     }
 }
 
