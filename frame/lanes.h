@@ -97,6 +97,19 @@ Lanes<kN> zeroUnless(Mask<kN> m, Lanes<kN> a)
     return _mm_and_ps(m.bits, a.v);
 }
 
+// a < b ? a : b and a > b ? a : b, lane by lane, as the scalar comparisons pick.
+template <int kN>
+Lanes<kN> min(Lanes<kN> a, Lanes<kN> b)
+{
+    return _mm_min_ps(a.v, b.v);
+}
+
+template <int kN>
+Lanes<kN> max(Lanes<kN> a, Lanes<kN> b)
+{
+    return _mm_max_ps(a.v, b.v);
+}
+
 template <int kN>
 Lanes<kN> sqrt(Lanes<kN> a)
 {

@@ -22,49 +22,53 @@ void loadRay(const float* const dir[3], std::size_t i, float d[3]) noexcept
 
 int signPattern(const Ray& r) { return r.sign[0] | r.sign[1] << 1 | r.sign[2] << 2; }
 
-// Splits the rays of `ready` into the largest group sharing one sign pattern, returned as a
-// lane mask with its first lane; the rest go through the single-ray walk.
-int packetLanes(const Ray rays[4], int ready, int& first)
+// Rays from one origin walk in packets of four rows by four columns of the block, a register
+// a row: a tile is more alike in direction than a run of sixteen along one row.
+constexpr int kPacketRegs = 4;
+using TilePacket = Packet<kPacketRegs>;
+constexpr int kTileRays = TilePacket::kRays;
+
+// The largest group of the rays of `ready` that share one sign pattern, as a lane mask, with
+// its first lane; the rest go through the single-ray walk.
+unsigned packetLanes(const Ray rays[kTileRays], unsigned ready, int& first)
 {
-    int best = 0;
-    for (int l = 0; l < 4; ++l) {
-        if (!(ready >> l & 1)) continue;
-        int group = 0;
-        for (int m = 0; m < 4; ++m)
-            if ((ready >> m & 1) && signPattern(rays[m]) == signPattern(rays[l])) group |= 1 << m;
-        if (__builtin_popcount(group) > __builtin_popcount(best)) {
-            best = group;
-            first = l;
-        }
-    }
+    unsigned group[8] = {};
+    for (int l = 0; l < kTileRays; ++l)
+        if (ready >> l & 1) group[signPattern(rays[l])] |= 1u << l;
+    unsigned best = 0;
+    for (unsigned g : group)
+        if (__builtin_popcount(g) > __builtin_popcount(best)) best = g;
+    first = 0;
+    while (best && !(best >> first & 1)) ++first;  // a plain loop: tzcnt is beyond SSE2
     return best;
 }
 
-// Sets up every ray of the block; in each group of four, the rays sharing a sign pattern walk
-// together (packet(p, lanes, i)) and the rest alone (single(ray, i)), as do all rays when
-// inFours is false.
+// Sets up every ray of the block tile by tile; in each tile the rays sharing a sign pattern
+// walk together (packet(p, lanes, index)) and the rest alone (single(ray, i)).
 template <class SetUp, class Single, class PacketFn>
-void traceBlock(std::size_t count, bool inFours, SetUp setUp, Single single, PacketFn packet)
+void traceTiles(PacketSize block, SetUp setUp, Single single, PacketFn packet)
 {
-    std::size_t i = 0;
-    for (; inFours && i + 4 <= count; i += 4) {
-        Ray rays[4];
-        int ready = 0;
-        for (int l = 0; l < 4; ++l) ready |= setUp(rays[l], i + l) ? 1 << l : 0;
-        int first = 0;
-        const int lanes = packetLanes(rays, ready, first);
-        if (__builtin_popcount(lanes) > 1) {
-            Packet4 p = gatherPacket(rays, lanes, first);
-            packet(p, lanes, i);
-            ready &= ~lanes;
+    for (int y = 0; y < block.height; y += kPacketRegs)
+        for (int x = 0; x < block.width; x += 4) {
+            Ray rays[kTileRays];
+            std::size_t index[kTileRays] = {};
+            unsigned ready = 0;
+            for (int l = 0; l < kTileRays; ++l) {
+                const int row = y + l / 4, col = x + l % 4;
+                if (row >= block.height || col >= block.width) continue;
+                index[l] = std::size_t(row) * std::size_t(block.width) + std::size_t(col);
+                if (setUp(rays[l], index[l])) ready |= 1u << l;
+            }
+            int first = 0;
+            const unsigned lanes = packetLanes(rays, ready, first);
+            if (__builtin_popcount(lanes) > 1) {
+                TilePacket p = gatherPacket<kPacketRegs>(rays, lanes, first);
+                packet(p, lanes, index);
+                ready &= ~lanes;
+            }
+            for (int l = 0; l < kTileRays; ++l)
+                if (ready >> l & 1) single(rays[l], index[l]);
         }
-        for (int l = 0; l < 4; ++l)
-            if (ready >> l & 1) single(rays[l], i + l);
-    }
-    for (; i < count; ++i) {
-        Ray ray;
-        if (setUp(ray, i)) single(ray, i);
-    }
 }
 
 }  // namespace
@@ -107,26 +111,30 @@ void intersectNearest(Origins origin, const float* const dir[3], float* dist, fl
     }
 
     // Rays from one origin travel together in fours.
-    auto packet = [&](Packet4& p, int lanes, std::size_t i) {
-        alignas(16) float best[4];
-        for (int l = 0; l < 4; ++l) best[l] = dist[i + l];
-        NearestHit4 h{_mm_load_ps(best)};
+    auto packet = [&](TilePacket& p, unsigned lanes, const std::size_t* index) {
+        alignas(16) float best[kTileRays];
+        for (int l = 0; l < kTileRays; ++l) best[l] = (lanes >> l & 1) ? dist[index[l]] : 0.0f;
+        NearestHit4 h[kPacketRegs];
+        for (int g = 0; g < kPacketRegs; ++g) h[g].best = lanes::Float4::load(best + 4 * g);
         walkPacket(ctx.pRootNode, ctx.pAccel, kNodeEpsilon, p, lanes, h);
-        alignas(16) float t[4], u[4], v[4];
-        alignas(16) int tri[4];
-        h.best.store(t);
-        h.p.store(u);
-        h.q.store(v);
-        h.triangle.store(tri);
-        for (int l = 0; l < 4; ++l) {
-            if (!(lanes >> l & 1) || tri[l] < 0) continue;
-            dist[i + l] = t[l];
-            hit[0][i + l] = u[l];
-            hit[1][i + l] = v[l];
-            triangle[i + l] = tri[l];
+        for (int g = 0; g < kPacketRegs; ++g) {
+            alignas(16) float t[4], u[4], v[4];
+            alignas(16) int tri[4];
+            h[g].best.store(t);
+            h[g].p.store(u);
+            h[g].q.store(v);
+            h[g].triangle.store(tri);
+            for (int l = 0; l < 4; ++l) {
+                if (!(lanes >> (4 * g + l) & 1) || tri[l] < 0) continue;
+                const std::size_t i = index[4 * g + l];
+                dist[i] = t[l];
+                hit[0][i] = u[l];
+                hit[1][i] = v[l];
+                triangle[i] = tri[l];
+            }
         }
     };
-    traceBlock(count, true, setUp, single, packet);
+    traceTiles(block, setUp, single, packet);
 }
 
 void intersectLayers(const float origin[3], const float* const dir[3], float* dist,
@@ -172,7 +180,6 @@ void intersectLayers(const float origin[3], const float* const dir[3], float* di
 void intersectAny(const float origin[3], const float* const dir[3], int* triangle, int* mask,
                   PacketSize block, const IntersectContext& ctx) noexcept
 {
-    const std::size_t count = std::size_t(block.width) * std::size_t(block.height);
     auto setUp = [&](Ray& ray, std::size_t i) {
         triangle[i] = -1;
         if (mask[i] < 0) return false;
@@ -188,16 +195,17 @@ void intersectAny(const float origin[3], const float* const dir[3], int* triangl
         triangle[i] = h.triangle;
         mask[i] = -1;
     };
-    auto packet = [&](Packet4& p, int lanes, std::size_t i) {
-        AnyHit4 h;
+    auto packet = [&](TilePacket& p, unsigned lanes, const std::size_t* index) {
+        AnyHit4 h[kPacketRegs];
         walkPacket(ctx.pRootNode, ctx.pAccel, kNodeEpsilon, p, lanes, h);
-        for (int l = 0; l < 4; ++l) {
-            if (!(lanes >> l & 1) || h.triangle[l] < 0) continue;
-            triangle[i + l] = h.triangle[l];
-            mask[i + l] = -1;
+        for (int l = 0; l < kTileRays; ++l) {
+            const int tri = h[l / 4].triangle[l % 4];
+            if (!(lanes >> l & 1) || tri < 0) continue;
+            triangle[index[l]] = tri;
+            mask[index[l]] = -1;
         }
     };
-    traceBlock(count, true, setUp, single, packet);
+    traceTiles(block, setUp, single, packet);
 }
 
 }  // namespace vlkr::raytrace

@@ -1,5 +1,5 @@
-// The k-d tree walk for four rays at once in SSE2 lanes, giving each ray exactly what the
-// single-ray walk gives it.
+// The k-d tree walk for a packet of rays from one origin, four to a register, giving each ray
+// exactly what the single-ray walk gives it.
 #pragma once
 
 #include <emmintrin.h>
@@ -9,97 +9,124 @@
 
 namespace vlkr::raytrace {
 
-// Four rays whose sign flags agree on every axis, so that they share the near/far order.
-struct Packet4 {
-    lanes::Float4 o[3];
-    lanes::Float4 d[3];
-    __m128 inv[3];
+// Up to 4 * kRegs rays from one origin whose sign flags agree on every axis, so that they
+// share the near/far order. Lane l of register g is ray 4 g + l of the packet.
+template <int kRegs>
+struct Packet {
+    static constexpr int kRays = 4 * kRegs;
+    float origin[3];
+    lanes::Float4 o[3];  // the origin in every lane, for the triangle test
+    lanes::Float4 d[kRegs][3];
+    lanes::Float4 inv[kRegs][3];
+    lanes::Float4 tnear[kRegs];
+    lanes::Float4 tfar[kRegs];
     int sign[3];
-    __m128 tnear;
-    __m128 tfar;
 };
 
 // Gathers the rays of `lanes` (all with the sign pattern of `rays[first]`) into a packet; idle
 // lanes repeat the first ray so that they compute harmless numbers.
-inline Packet4 gatherPacket(const Ray rays[4], int lanes, int first)
+template <int kRegs>
+Packet<kRegs> gatherPacket(const Ray* rays, unsigned lanes, int first)
 {
-    alignas(16) float v[5][3][4];
-    alignas(16) float seg[2][4];
-    for (int l = 0; l < 4; ++l) {
+    alignas(16) float v[2][3][Packet<kRegs>::kRays];
+    alignas(16) float seg[2][Packet<kRegs>::kRays];
+    for (int l = 0; l < Packet<kRegs>::kRays; ++l) {
         const Ray& r = rays[(lanes >> l & 1) ? l : first];
         for (int k = 0; k < 3; ++k) {
-            v[0][k][l] = r.o[k];
-            v[1][k][l] = r.d[k];
-            v[2][k][l] = r.inv[k];
+            v[0][k][l] = r.d[k];
+            v[1][k][l] = r.inv[k];
         }
         seg[0][l] = r.tnear;
         seg[1][l] = r.tfar;
     }
-    Packet4 p;
+    Packet<kRegs> p;
     for (int k = 0; k < 3; ++k) {
-        p.o[k] = _mm_load_ps(v[0][k]);
-        p.d[k] = _mm_load_ps(v[1][k]);
-        p.inv[k] = _mm_load_ps(v[2][k]);
+        p.origin[k] = rays[first].o[k];
+        p.o[k] = lanes::Float4(p.origin[k]);
         p.sign[k] = rays[first].sign[k];
     }
-    p.tnear = _mm_load_ps(seg[0]);
-    p.tfar = _mm_load_ps(seg[1]);
+    for (int g = 0; g < kRegs; ++g) {
+        for (int k = 0; k < 3; ++k) {
+            p.d[g][k] = lanes::Float4::load(v[0][k] + 4 * g);
+            p.inv[g][k] = lanes::Float4::load(v[1][k] + 4 * g);
+        }
+        p.tnear[g] = lanes::Float4::load(seg[0] + 4 * g);
+        p.tfar[g] = lanes::Float4::load(seg[1] + 4 * g);
+    }
     return p;
 }
 
-inline __m128 laneMask4(int bits)
+inline lanes::Mask4 laneMask4(unsigned bits)
 {
     alignas(16) static constexpr std::uint32_t kMasks[16][4] = {
         {0, 0, 0, 0},     {~0u, 0, 0, 0},     {0, ~0u, 0, 0},     {~0u, ~0u, 0, 0},
         {0, 0, ~0u, 0},   {~0u, 0, ~0u, 0},   {0, ~0u, ~0u, 0},   {~0u, ~0u, ~0u, 0},
         {0, 0, 0, ~0u},   {~0u, 0, 0, ~0u},   {0, ~0u, 0, ~0u},   {~0u, ~0u, 0, ~0u},
         {0, 0, ~0u, ~0u}, {~0u, 0, ~0u, ~0u}, {0, ~0u, ~0u, ~0u}, {~0u, ~0u, ~0u, ~0u}};
-    return _mm_load_ps(reinterpret_cast<const float*>(kMasks[bits]));
+    return {_mm_load_ps(reinterpret_cast<const float*>(kMasks[bits & 15]))};
 }
 
+// The four lanes of register g in a packet's lane mask.
+inline unsigned regLanes(unsigned mask, int g) { return mask >> (4 * g) & 15u; }
+
 /*
- * The walk of walkTree for four rays. The packet visits the nodes in the single-ray order
- * with a mask of the rays that visit each one: a ray joins a node exactly when its own walk
- * would go there, with its own segment, and so tests the same triangles in the same order.
- * A stack entry remembers which rays pushed the far child (they resume with tnear = tfar)
- * and which went to it alone (they resume with their segment unchanged).
+ * The walk of walkTree for a packet. The packet visits the nodes in the single-ray order with
+ * a mask of the rays that visit each one: a ray joins a node exactly when its own walk would
+ * go there, with its own segment, and so tests the same triangles in the same order. A stack
+ * entry remembers which rays pushed the far child (they resume with tnear = tfar) and which
+ * went to it alone (they resume with their segment unchanged). A node is fetched and decoded
+ * once for the whole packet; registers with no ray at a leaf test no triangles.
+ * hits[g] is the policy of register g.
  */
-template <class Policy>
-void walkPacket(const KDTreeNode* root, const TriangleAccel* accel, float epsilon, Packet4& r,
-                int lanes, Policy& hits) noexcept
+template <int kRegs, class Policy>
+void walkPacket(const KDTreeNode* root, const TriangleAccel* accel, float epsilon, Packet<kRegs>& r,
+                unsigned lanes, Policy hits[kRegs]) noexcept
 {
+    using lanes::Float4;
     struct Entry {
         const KDTreeNode* node;
-        __m128 tfar;
-        int pushed;
-        int farOnly;
+        unsigned pushed;
+        unsigned farOnly;
+        Float4 tfar[kRegs];
     } stack[kMaxTreeDepth];  // as in walkTree: one entry at most per inner node on the path
     int depth = 0;
-    const __m128 eps = _mm_set1_ps(epsilon);
+    const Float4 eps(epsilon);
     const KDTreeNode* node = root;
-    int alive = lanes, active = lanes;
-    __m128 tnear = r.tnear, tfar = r.tfar;
+    unsigned alive = lanes, active = lanes;
+    Float4 tnear[kRegs], tfar[kRegs];
+    for (int g = 0; g < kRegs; ++g) tnear[g] = r.tnear[g], tfar[g] = r.tfar[g];
     for (;;) {
         while (isInner(node)) {
             const int axis = splitAxis(node);
-            const __m128 t =
-                _mm_mul_ps(_mm_sub_ps(_mm_set1_ps(splitOf(node)), r.o[axis].v), r.inv[axis]);
+            const Float4 offset(splitOf(node) - r.origin[axis]);
             const KDTreeNode* pair = childPair(node);
             const KDTreeNode* nearChild = pair + r.sign[axis];
             const KDTreeNode* farChild = pair + (1 - r.sign[axis]);
-            const int farOnly = _mm_movemask_ps(_mm_cmpgt_ps(_mm_sub_ps(tnear, t), eps)) & active;
-            const int toNear = active & ~farOnly;
+            Float4 t[kRegs];
+            unsigned farOnly = 0, beyond = 0;
+            for (int g = 0; g < kRegs; ++g) {
+                t[g] = offset * r.inv[g][axis];
+                farOnly |= unsigned(lanes::bits(tnear[g] - t[g] > eps)) << (4 * g);
+                beyond |= unsigned(lanes::bits(t[g] - tfar[g] > eps)) << (4 * g);
+            }
+            farOnly &= active;
+            const unsigned toNear = active & ~farOnly;
             if (toNear == 0) {
                 node = farChild;
                 continue;
             }
-            const int pushed = toNear & ~_mm_movemask_ps(_mm_cmpgt_ps(_mm_sub_ps(t, tfar), eps));
+            const unsigned pushed = toNear & ~beyond;
             if (pushed | farOnly) {
-                stack[depth++] = {farChild, tfar, pushed, farOnly};
-                const __m128 clipped = _mm_max_ps(tnear, _mm_min_ps(t, tfar));
-                tfar = lanes::select(lanes::Mask4{laneMask4(pushed)}, lanes::Float4(clipped),
-                                     lanes::Float4(tfar))
-                           .v;
+                Entry& e = stack[depth++];
+                e.node = farChild;
+                e.pushed = pushed;
+                e.farOnly = farOnly;
+                for (int g = 0; g < kRegs; ++g) {
+                    e.tfar[g] = tfar[g];
+                    if (!regLanes(pushed, g)) continue;
+                    const Float4 clipped = lanes::max(tnear[g], lanes::min(t[g], tfar[g]));
+                    tfar[g] = lanes::select(laneMask4(regLanes(pushed, g)), clipped, tfar[g]);
+                }
             }
             active = toNear;
             node = nearChild;
@@ -110,25 +137,35 @@ void walkPacket(const KDTreeNode* root, const TriangleAccel* accel, float epsilo
         for (int k = 0; k < count && active; ++k) {
             const int n = list[k];
             if (accel[n].axes == 0) continue;
-            lanes::Float4 t, p, q;
-            const lanes::Mask4 hit =
-                hitTriangle(accel[n], r.o, r.d, hits.best, {laneMask4(active)}, t, p, q);
-            const int hitLanes = lanes::bits(hit);
-            if (hitLanes == 0) continue;
-            const int finished = hits.onHit(n, hit, hitLanes, t, p, q);
-            alive &= ~finished;
-            active &= ~finished;
+            for (int g = 0; g < kRegs; ++g) {
+                const unsigned regActive = regLanes(active, g);
+                if (!regActive) continue;
+                Float4 t, p, q;
+                const lanes::Mask4 hit =
+                    hitTriangle(accel[n], r.o, r.d[g], hits[g].best, laneMask4(regActive), t, p, q);
+                const int hitLanes = lanes::bits(hit);
+                if (hitLanes == 0) continue;
+                const unsigned finished = unsigned(hits[g].onHit(n, hit, hitLanes, t, p, q));
+                alive &= ~(finished << (4 * g));
+                active &= ~(finished << (4 * g));
+            }
         }
         // Rays whose segment lies wholly beyond their best hit are done.
-        alive &= ~(active & _mm_movemask_ps(_mm_cmpge_ps(tfar, hits.best.v)));
+        unsigned beyondBest = 0;
+        for (int g = 0; g < kRegs; ++g)
+            beyondBest |= unsigned(lanes::bits(tfar[g] >= hits[g].best)) << (4 * g);
+        alive &= ~(active & beyondBest);
         for (;;) {
             if (depth == 0) return;
             const Entry& e = stack[--depth];
-            const int pushed = e.pushed & alive, farOnly = e.farOnly & alive;
+            const unsigned pushed = e.pushed & alive, farOnly = e.farOnly & alive;
             if ((pushed | farOnly) == 0) continue;
-            const lanes::Mask4 m{laneMask4(pushed)};
-            tnear = lanes::select(m, lanes::Float4(tfar), lanes::Float4(tnear)).v;
-            tfar = lanes::select(m, lanes::Float4(e.tfar), lanes::Float4(tfar)).v;
+            for (int g = 0; g < kRegs; ++g) {
+                if (!regLanes(pushed, g)) continue;
+                const lanes::Mask4 m = laneMask4(regLanes(pushed, g));
+                tnear[g] = lanes::select(m, tfar[g], tnear[g]);
+                tfar[g] = lanes::select(m, e.tfar[g], tfar[g]);
+            }
             active = pushed | farOnly;
             node = e.node;
             break;
