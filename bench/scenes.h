@@ -40,33 +40,33 @@ inline Mesh terrain(int n)
     return s;
 }
 
-// Eight overlapping UV spheres of 128 stacks x 256 slices (about 500k triangles in all).
-inline Mesh sphereCluster()
+// Eight overlapping UV spheres of stacks x slices (by default 128 x 256, about 500k
+// triangles in all).
+inline Mesh sphereCluster(int stacks = 128, int slices = 256)
 {
     Mesh s;
     s.name = "spheres";
     std::mt19937 rng(4242);
     std::uniform_real_distribution<float> pos(-6.0f, 6.0f), rad(1.5f, 4.0f);
-    constexpr int kStacks = 128, kSlices = 256;
     for (int k = 0; k < 8; ++k) {
         const float cx = pos(rng), cy = pos(rng), cz = pos(rng), r = rad(rng);
         const int base = s.vertexCount();
-        for (int i = 0; i <= kStacks; ++i) {
-            const double theta = M_PI * i / kStacks;
-            for (int j = 0; j < kSlices; ++j) {
-                const double phi = 2.0 * M_PI * j / kSlices;
+        for (int i = 0; i <= stacks; ++i) {
+            const double theta = M_PI * i / stacks;
+            for (int j = 0; j < slices; ++j) {
+                const double phi = 2.0 * M_PI * j / slices;
                 s.vertices.insert(s.vertices.end(),
                                   {float(cx + r * std::sin(theta) * std::cos(phi)),
                                    float(cy + r * std::cos(theta)),
                                    float(cz + r * std::sin(theta) * std::sin(phi))});
             }
         }
-        for (int i = 0; i < kStacks; ++i)
-            for (int j = 0; j < kSlices; ++j) {
-                const int a = base + i * kSlices + j, b = base + i * kSlices + (j + 1) % kSlices;
-                const int c = a + kSlices, d = b + kSlices;
+        for (int i = 0; i < stacks; ++i)
+            for (int j = 0; j < slices; ++j) {
+                const int a = base + i * slices + j, b = base + i * slices + (j + 1) % slices;
+                const int c = a + slices, d = b + slices;
                 if (i != 0) s.triangles.insert(s.triangles.end(), {a, b, c, 0});
-                if (i != kStacks - 1) s.triangles.insert(s.triangles.end(), {b, d, c, 0});
+                if (i != stacks - 1) s.triangles.insert(s.triangles.end(), {b, d, c, 0});
             }
     }
     return s;
