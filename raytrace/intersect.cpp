@@ -71,6 +71,38 @@ void traceTiles(PacketSize block, SetUp setUp, Single single, PacketFn packet)
         }
 }
 
+// Whether the block's rays go separate ways: most neighbours among its first rays differ in
+// the signs of their directions. Random rays differ seven times in eight; rays bounced off
+// one surface or aimed through a grid rarely do.
+bool raysLookScattered(const float* const dir[3], std::size_t count) noexcept
+{
+    const std::size_t sample = std::min<std::size_t>(count, 64);
+    auto pattern = [&](std::size_t i) {
+        return int(dir[0][i] < 0.0f) | int(dir[1][i] < 0.0f) << 1 | int(dir[2][i] < 0.0f) << 2;
+    };
+    std::size_t changes = 0;
+    for (std::size_t i = 1; i < sample; ++i) changes += pattern(i) != pattern(i - 1);
+    return 2 * changes > sample;
+}
+
+/*
+ * Walks the rays of a block one after another, or interleaved when they go separate ways
+ * through a tree larger than the caches; the results are the same either way. Rays that
+ * follow each other down the same paths keep the nodes in the cache and the branches
+ * predicted, which interleaving would lose: it halves the speed of coherent rays (a quarter
+ * of it on shadow rays), while on scattered rays through a large tree it gains 10 to 40%.
+ */
+template <class Policy, class Start, class Finish>
+void walkRays(const IntersectContext& ctx, const float* const dir[3], float epsilon,
+              std::size_t count, Start start, Finish finish) noexcept
+{
+    if (treeLooksLarge(ctx.pRootNode) && raysLookScattered(dir, count))
+        walkInterleaved<kInterleavedRays, Policy>(ctx.pRootNode, ctx.pAccel, epsilon, count, start,
+                                                  finish);
+    else
+        walkInterleaved<1, Policy>(ctx.pRootNode, ctx.pAccel, epsilon, count, start, finish);
+}
+
 }  // namespace
 
 void intersectNearest(Origins origin, const float* const dir[3], float* dist, float* const hit[2],
@@ -97,20 +129,23 @@ void intersectNearest(Origins origin, const float* const dir[3], float* dist, fl
         return enterBox(ctx.pBound, dist[i], ray);
     };
 
-    // Per-ray origins are rarely coherent enough to share a walk; their walks take turns
-    // instead, so that their node fetches overlap.
+    // Per-ray origins do not share a walk; scattered ones take turns instead, so that their
+    // node fetches overlap.
     if (!origin.shared) {
-        walkInterleaved<kInterleavedRays, NearestHit>(
-            ctx.pRootNode, ctx.pAccel, kNodeEpsilon, count,
-            [&](std::size_t i, Ray& ray, NearestHit& h) {
+        walkRays<NearestHit>(
+            ctx, dir, kNodeEpsilon, count,
+            [&](std::size_t i, int, Ray& ray, NearestHit& h) {
                 h.best = dist[i];
                 return setUp(ray, i);
             },
-            store);
+            [&](std::size_t i, int, Ray&, NearestHit& h) {
+                store(i, h);
+                return false;
+            });
         return;
     }
 
-    // Rays from one origin travel together in fours.
+    // Rays from one origin walk in tiles.
     auto packet = [&](TilePacket& p, unsigned lanes, const std::size_t* index) {
         alignas(16) float best[kTileRays];
         for (int l = 0; l < kTileRays; ++l) best[l] = (lanes >> l & 1) ? dist[index[l]] : 0.0f;
@@ -144,37 +179,51 @@ void intersectLayers(const float origin[3], const float* const dir[3], float* di
     const int layers = volume.depth;
     const std::size_t plane = std::size_t(volume.width) * std::size_t(volume.height);
     std::fill(triangle, triangle + plane * std::size_t(layers), -1);
-    for (std::size_t i = 0; i < plane; ++i) {
-        Ray ray;
+
+    // What a ray carries from layer to layer.
+    struct Recent {
+        int ring[kRecentTriangles];
+        int layer;
+    } recent;
+    auto nextLayer = [&](int previous, std::size_t at, LayerHit& h) {
+        h.best = dist[at];
+        h.ring = recent.ring;
+        h.ringSlots = (recent.layer - 1) % kRecentTriangles;
+        h.previous = previous;
+    };
+    auto start = [&](std::size_t i, int, Ray& ray, LayerHit& h) {
         for (int k = 0; k < 3; ++k) ray.o[k] = origin[k];
         loadRay(dir, i, ray.d);
-        if (!enterBox(ctx.pBound, dist[i], ray)) continue;
-        int ring[kRecentTriangles];
-        int previous = -1;
-        for (int layer = 1;; ++layer) {
-            const std::size_t at = std::size_t(layer - 1) * plane + i;
-            LayerHit h;
-            h.best = dist[at];
-            h.ring = ring;
-            h.ringSlots = (layer - 1) % kRecentTriangles;
-            h.previous = previous;
-            walkTree(ctx.pRootNode, ctx.pAccel, kLayerEpsilon, ray, h);
-            if (h.triangle < 0) break;
-            const float t = h.best;
-            triangle[at] = h.triangle;
-            hit[0][at] = h.p;
-            hit[1][at] = h.q;
-            dist[at] = layer > 1 ? t + dist[at - plane] : t;
-            for (int k = 0; k < 3; ++k) ray.o[k] = ray.o[k] + ray.d[k] * t;
-            ring[(layer - 1) % kRecentTriangles] = h.triangle;
-            previous = h.triangle;
-            if (layer == layers) break;
+        if (!enterBox(ctx.pBound, dist[i], ray)) return false;
+        recent.layer = 1;
+        nextLayer(-1, i, h);
+        return true;
+    };
+    auto finish = [&](std::size_t i, int, Ray& ray, LayerHit& h) {
+        const int layer = recent.layer;
+        const std::size_t at = std::size_t(layer - 1) * plane + i;
+        if (h.triangle < 0) return false;
+        const float t = h.best;
+        triangle[at] = h.triangle;
+        hit[0][at] = h.p;
+        hit[1][at] = h.q;
+        dist[at] = layer > 1 ? t + dist[at - plane] : t;
+        for (int k = 0; k < 3; ++k) ray.o[k] = ray.o[k] + ray.d[k] * t;
+        recent.ring[(layer - 1) % kRecentTriangles] = h.triangle;
+        if (layer == layers) return false;
 
-            // The next layer starts at the hit and runs to where the ray leaves the box.
-            dist[at + plane] = kFloatMax;
-            reenterBox(ctx.pBound, ray);
-        }
-    }
+        // The next layer starts at the hit and runs to where the ray leaves the box.
+        dist[at + plane] = kFloatMax;
+        reenterBox(ctx.pBound, ray);
+        recent.layer = layer + 1;
+        nextLayer(h.triangle, at + plane, h);
+        h.triangle = -1;
+        return true;
+    };
+    // The rays share an origin and run through the block in order, so each walk finds the
+    // nodes of its neighbour's in the cache and its branches taken the same way; taking turns
+    // would lose both (measured: half the speed on the large scenes).
+    walkInterleaved<1, LayerHit>(ctx.pRootNode, ctx.pAccel, kLayerEpsilon, plane, start, finish);
 }
 
 void intersectAny(const float origin[3], const float* const dir[3], int* triangle, int* mask,

@@ -147,6 +147,8 @@ class TreeWalk {
     TreeWalk() = default;
     TreeWalk(const KDTreeNode* root, const Ray& r, const Policy& h) noexcept { begin(root, r, h); }
 
+    const Ray& ray() const noexcept { return ray_; }
+
     void begin(const KDTreeNode* root, const Ray& r, const Policy& h) noexcept
     {
         hits = h;
@@ -256,9 +258,11 @@ void walkTree(const KDTreeNode* root, const TriangleAccel* accel, float epsilon,
 
 /*
  * Walks rays 0 .. count - 1 kSlots at a time, taking turns one step each, so that the cache
- * misses of rays that go separate ways overlap instead of queueing. start(i, ray, hits) sets
- * ray i up and returns false when it has nothing to walk; finish(i, hits) takes its outcome.
- * Every ray takes exactly the steps of its own walk.
+ * misses of rays that go separate ways overlap instead of queueing. start(i, slot, ray, hits)
+ * sets ray i up in a slot and returns false when it has nothing to walk. finish(i, slot, ray,
+ * hits) takes the outcome of a walk and returns true, with the ray and policy set up anew,
+ * when the same ray walks again (the next layer). Every walk takes exactly the steps it would
+ * take alone.
  */
 template <int kSlots, class Policy, class Start, class Finish>
 void walkInterleaved(const KDTreeNode* root, const TriangleAccel* accel, float epsilon,
@@ -266,13 +270,14 @@ void walkInterleaved(const KDTreeNode* root, const TriangleAccel* accel, float e
 {
     TreeWalk<Policy> walk[kSlots];
     std::size_t ray[kSlots];
+    bool busy[kSlots];
     std::size_t next = 0;
     auto refill = [&](int s) {
         while (next < count) {
             const std::size_t i = next++;
             Ray r;
             Policy h;
-            if (!start(i, r, h)) continue;
+            if (!start(i, s, r, h)) continue;
             walk[s].begin(root, r, h);
             ray[s] = i;
             return true;
@@ -280,23 +285,39 @@ void walkInterleaved(const KDTreeNode* root, const TriangleAccel* accel, float e
         return false;
     };
     int live = 0;
-    while (live < kSlots && refill(live)) ++live;
-    while (live > 0) {
-        for (int s = 0; s < live;) {
-            if (walk[s].step(accel, epsilon)) {
-                ++s;
-                continue;
-            }
-            finish(ray[s], walk[s].hits);
-            if (refill(s)) continue;
-            // No rays left to start: the last live walk takes this slot.
-            --live;
-            if (s < live) {
-                walk[s] = walk[live];
-                ray[s] = ray[live];
-            }
+    for (int s = 0; s < kSlots; ++s) live += busy[s] = refill(s);
+    while (live > 0)
+        for (int s = 0; s < kSlots; ++s) {
+            if (!busy[s] || walk[s].step(accel, epsilon)) continue;
+            Ray r = walk[s].ray();
+            Policy h = walk[s].hits;
+            if (finish(ray[s], s, r, h))
+                walk[s].begin(root, r, h);
+            else if (!refill(s))
+                busy[s] = false, --live;
+        }
+}
+
+// The upper child of an inner node keeps its children past the whole subtree of the lower
+// one, so its offset tells roughly how large the tree is without walking it. Trees of this
+// size or more outgrow the core's own caches, and interleaved walks pay for themselves only
+// there. A leaf child (an empty slab cut off, say) sends the look one level down the other.
+constexpr std::int32_t kLargeTreeBytes = 512 * 1024;
+
+inline bool treeLooksLarge(const KDTreeNode* root) noexcept
+{
+    const KDTreeNode* node = root;
+    for (int level = 0; level < 8 && isInner(node); ++level) {
+        const KDTreeNode* pair = childPair(node);
+        if (!isInner(pair)) {
+            node = pair + 1;
+        } else if (!isInner(pair + 1)) {
+            node = pair;
+        } else {
+            return childPairOffset(pair + 1) >= kLargeTreeBytes / 2;
         }
     }
+    return false;
 }
 
 }  // namespace vlkr::raytrace

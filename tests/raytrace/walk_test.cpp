@@ -34,11 +34,11 @@ struct Block {
         dist.assign(n, FLT_MAX), p.assign(n, -5.0f), q.assign(n, -5.0f);
         tri.assign(n, 7), mask.assign(n, 0);
     }
-    std::size_t size() const { return tri.size(); }
+    std::size_t size() const { return d[0].size(); }  // rays, not results
     std::vector<std::uint32_t> words() const
     {
         std::vector<std::uint32_t> w;
-        for (std::size_t i = 0; i < size(); ++i)
+        for (std::size_t i = 0; i < tri.size(); ++i)
             w.insert(w.end(), {std::uint32_t(tri[i]), bitsOf(dist[i]), bitsOf(p[i]), bitsOf(q[i]),
                                std::uint32_t(mask[i])});
         return w;
@@ -74,6 +74,56 @@ Block occlusionAlone(const Scene& s, Block b)
         walkTree(s.ctx.pRootNode, s.ctx.pAccel, kNodeEpsilon, r, h);
         if (h.triangle >= 0) b.tri[i] = h.triangle, b.mask[i] = -1;
     }
+    return b;
+}
+
+// The layered hits as single-ray walks find them, layer after layer.
+Block layersAlone(const Scene& s, Block b, int layers)
+{
+    const std::size_t plane = b.size();
+    for (std::size_t i = 0; i < plane; ++i) {
+        Ray r;
+        for (int k = 0; k < 3; ++k) r.o[k] = b.o[k][0], r.d[k] = b.d[k][i];
+        if (!enterBox(s.box, b.dist[i], r)) continue;
+        int ring[kRecentTriangles], previous = -1;
+        for (int layer = 1; layer <= layers; ++layer) {
+            const std::size_t at = std::size_t(layer - 1) * plane + i;
+            LayerHit h;
+            h.best = b.dist[at], h.ring = ring, h.previous = previous;
+            h.ringSlots = (layer - 1) % kRecentTriangles;
+            walkTree(s.ctx.pRootNode, s.ctx.pAccel, kLayerEpsilon, r, h);
+            if (h.triangle < 0) break;
+            b.tri[at] = h.triangle, b.p[at] = h.p, b.q[at] = h.q;
+            b.dist[at] = layer > 1 ? h.best + b.dist[at - plane] : h.best;
+            for (int k = 0; k < 3; ++k) r.o[k] = r.o[k] + r.d[k] * h.best;
+            ring[(layer - 1) % kRecentTriangles] = previous = h.triangle;
+            if (layer == layers) break;
+            b.dist[at + plane] = FLT_MAX;
+            reenterBox(s.box, r);
+        }
+    }
+    return b;
+}
+
+Block layersQuery(const Scene& s, Block b, int layers)
+{
+    const float* dir[3] = {b.d[0].data(), b.d[1].data(), b.d[2].data()};
+    float* hit[2] = {b.p.data(), b.q.data()};
+    const float eye[3] = {b.o[0][0], b.o[1][0], b.o[2][0]};
+    const VolumeSize v{b.width, b.height, layers};
+    EXPECT_EQ(vlkrIntersectMultipleSO_32f(eye, dir, b.dist.data(), hit, b.tri.data(), &v, &s.ctx),
+              vlkStatusOk);
+    return b;
+}
+
+// A block whose result planes hold `layers` layers, every triangle number -1 to start with.
+Block withLayers(const Block& rays, int layers)
+{
+    Block b = rays;
+    const std::size_t n = rays.size() * std::size_t(layers);
+    for (auto* v : {&b.dist, &b.p, &b.q}) v->resize(n, -5.0f);
+    b.tri.assign(n, -1);
+    b.mask.resize(n, 0);
     return b;
 }
 
@@ -128,9 +178,8 @@ Block makeRays(const Scene& s, Kind kind, std::mt19937& rng)
                                               : centre[2];
                 b.d[k][i] = target - eye[k];
             } else {
-                b.o[k][i] = kind == Kind::Scattered
-                                ? centre[k]
-                                : box[k] + (box[3 + k] - box[k]) * unit(rng);
+                b.o[k][i] = kind == Kind::Scattered ? centre[k]
+                                                    : box[k] + (box[3 + k] - box[k]) * unit(rng);
                 b.d[k][i] = size * sym(rng);
             }
         }
@@ -141,10 +190,12 @@ Block makeRays(const Scene& s, Kind kind, std::mt19937& rng)
     return b;
 }
 
+// Small trees walk one ray at a time and large ones interleaved, so both sizes are here.
 std::vector<std::pair<std::string, Mesh>> scenes()
 {
     std::mt19937 rng(5);
     return {{"terrain", vlkr::bench::terrain(40)},
+            {"large terrain", vlkr::bench::terrain(200)},
             {"spheres", vlkr::bench::sphereCluster(16, 32)},
             {"soup", vlkr::test::randomSoup(rng, 3000, 8.0f)},
             {"bunny", vlkr::bench::bunny()}};
@@ -156,6 +207,7 @@ TEST(IntersectWalks, PacketsAndInterleavedWalksGiveEveryRayItsSingleWalk)
     for (const auto& [name, mesh] : scenes()) {
         ASSERT_GT(mesh.triangleCount(), 1000) << name;
         const Scene s(mesh);
+        EXPECT_EQ(treeLooksLarge(s.ctx.pRootNode), name == "large terrain") << name;
         for (Kind kind : {Kind::Coherent, Kind::Scattered, Kind::OwnOrigins}) {
             const Block rays = makeRays(s, kind, rng);
             const std::string what = name + " kind " + std::to_string(int(kind));
@@ -163,16 +215,22 @@ TEST(IntersectWalks, PacketsAndInterleavedWalksGiveEveryRayItsSingleWalk)
             std::size_t hits = 0;
             for (int t : alone.tri) hits += t >= 0;
             EXPECT_GT(hits, rays.size() / 10) << what;
-            EXPECT_EQ(nearestQuery(s, rays, kind != Kind::OwnOrigins).words(), alone.words())
-                << what;
+            if (kind != Kind::OwnOrigins) {
+                EXPECT_EQ(nearestQuery(s, rays, true).words(), alone.words()) << what;
+            }
+            EXPECT_EQ(nearestQuery(s, rays, false).words(), alone.words()) << what << " MO";
             if (kind == Kind::OwnOrigins) continue;
+
+            // Four layers; rays that come back to a surface find it again in later layers.
+            const Block layered = withLayers(rays, 4);
+            EXPECT_EQ(layersQuery(s, layered, 4).words(), layersAlone(s, layered, 4).words())
+                << what;
 
             // Occlusion over the first half of each ray: some reach a surface, some do not.
             Block shadow = rays;
             for (int k = 0; k < 3; ++k)
                 for (float& d : shadow.d[k]) d *= 0.5f;
-            EXPECT_EQ(occlusionQuery(s, shadow).words(), occlusionAlone(s, shadow).words())
-                << what;
+            EXPECT_EQ(occlusionQuery(s, shadow).words(), occlusionAlone(s, shadow).words()) << what;
         }
     }
 }
