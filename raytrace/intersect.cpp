@@ -103,10 +103,10 @@ void walkRays(const IntersectContext& ctx, const float* const dir[3], float epsi
         walkInterleaved<1, Policy>(ctx.pRootNode, ctx.pAccel, epsilon, count, start, finish);
 }
 
-}  // namespace
-
-void intersectNearest(Origins origin, const float* const dir[3], float* dist, float* const hit[2],
-                      int* triangle, const IntersectContext& ctx, PacketSize block) noexcept
+// The nearest hits of a block, walking with the given node epsilon.
+void nearestHits(Origins origin, const float* const dir[3], float* dist, float* const hit[2],
+                 int* triangle, const IntersectContext& ctx, PacketSize block,
+                 float epsilon) noexcept
 {
     const std::size_t count = std::size_t(block.width) * std::size_t(block.height);
     auto store = [&](std::size_t i, const NearestHit& h) {
@@ -118,7 +118,7 @@ void intersectNearest(Origins origin, const float* const dir[3], float* dist, fl
     };
     auto single = [&](Ray& ray, std::size_t i) {
         NearestHit h{dist[i]};
-        walkTree(ctx.pRootNode, ctx.pAccel, kNodeEpsilon, ray, h);
+        walkTree(ctx.pRootNode, ctx.pAccel, epsilon, ray, h);
         store(i, h);
     };
     auto setUp = [&](Ray& ray, std::size_t i) {
@@ -133,7 +133,7 @@ void intersectNearest(Origins origin, const float* const dir[3], float* dist, fl
     // node fetches overlap.
     if (!origin.shared) {
         walkRays<NearestHit>(
-            ctx, dir, kNodeEpsilon, count,
+            ctx, dir, epsilon, count,
             [&](std::size_t i, int, Ray& ray, NearestHit& h) {
                 h.best = dist[i];
                 return setUp(ray, i);
@@ -151,7 +151,7 @@ void intersectNearest(Origins origin, const float* const dir[3], float* dist, fl
         for (int l = 0; l < kTileRays; ++l) best[l] = (lanes >> l & 1) ? dist[index[l]] : 0.0f;
         NearestHit4 h[kPacketRegs];
         for (int g = 0; g < kPacketRegs; ++g) h[g].best = lanes::Float4::load(best + 4 * g);
-        walkPacket(ctx.pRootNode, ctx.pAccel, kNodeEpsilon, p, lanes, h);
+        walkPacket(ctx.pRootNode, ctx.pAccel, epsilon, p, lanes, h);
         for (int g = 0; g < kPacketRegs; ++g) {
             alignas(16) float t[4], u[4], v[4];
             alignas(16) int tri[4];
@@ -170,6 +170,14 @@ void intersectNearest(Origins origin, const float* const dir[3], float* dist, fl
         }
     };
     traceTiles(block, setUp, single, packet);
+}
+
+}  // namespace
+
+void intersectNearest(Origins origin, const float* const dir[3], float* dist, float* const hit[2],
+                      int* triangle, const IntersectContext& ctx, PacketSize block) noexcept
+{
+    nearestHits(origin, dir, dist, hit, triangle, ctx, block, kNodeEpsilon);
 }
 
 void intersectLayers(const float origin[3], const float* const dir[3], float* dist,
@@ -191,14 +199,6 @@ void intersectLayers(const float origin[3], const float* const dir[3], float* di
         h.ringSlots = (recent.layer - 1) % kRecentTriangles;
         h.previous = previous;
     };
-    auto start = [&](std::size_t i, int, Ray& ray, LayerHit& h) {
-        for (int k = 0; k < 3; ++k) ray.o[k] = origin[k];
-        loadRay(dir, i, ray.d);
-        if (!enterBox(ctx.pBound, dist[i], ray)) return false;
-        recent.layer = 1;
-        nextLayer(-1, i, h);
-        return true;
-    };
     auto finish = [&](std::size_t i, int, Ray& ray, LayerHit& h) {
         const int layer = recent.layer;
         const std::size_t at = std::size_t(layer - 1) * plane + i;
@@ -219,6 +219,26 @@ void intersectLayers(const float origin[3], const float* const dir[3], float* di
         nextLayer(h.triangle, at + plane, h);
         h.triangle = -1;
         return true;
+    };
+
+    // The first layer has no previous triangle and consults no ring slot: it is the nearest
+    // hit with the layered query's node epsilon, and walks in tiles as eye rays do.
+    nearestHits(Origins{origin, nullptr}, dir, dist, hit, triangle, ctx,
+                PacketSize{volume.width, volume.height}, kLayerEpsilon);
+    if (layers == 1) return;
+
+    // Each ray with a first hit goes on from there, set up as it was for the first layer.
+    auto start = [&](std::size_t i, int slot, Ray& ray, LayerHit& h) {
+        if (triangle[i] < 0) return false;
+        for (int k = 0; k < 3; ++k) ray.o[k] = origin[k];
+        loadRay(dir, i, ray.d);
+        setUpInverses(ray);
+        recent.layer = 1;
+        h.triangle = triangle[i];
+        h.best = dist[i];
+        h.p = hit[0][i];
+        h.q = hit[1][i];
+        return finish(i, slot, ray, h);
     };
     // The rays share an origin and run through the block in order, so each walk finds the
     // nodes of its neighbour's in the cache and its branches taken the same way; taking turns

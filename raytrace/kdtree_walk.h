@@ -46,22 +46,28 @@ inline float minOf(float a, float b) { return a < b ? a : b; }
 inline float maxOf(float a, float b) { return a > b ? a : b; }
 inline float absOf(float a) { return a < 0.0f ? -a : a; }
 
-// Clips the segment [0, maxDist] to the box; false when the ray misses it.
+// The inverses and sign flags of the box-clipped queries.
+inline void setUpInverses(Ray& r) noexcept
+{
+    for (int k = 0; k < 3; ++k) {
+        const bool tiny = absOf(r.d[k]) <= kTinyDirection;
+        r.inv[k] = tiny ? kTinyInverse : 1.0f / r.d[k];
+        r.sign[k] = !tiny && r.d[k] < 0.0f ? 1 : 0;
+    }
+}
+
+// Sets the ray up and clips the segment [0, maxDist] to the box; false when the ray misses it.
 inline bool enterBox(const float* box, float maxDist, Ray& r) noexcept
 {
+    setUpInverses(r);
     float tnear = 0.0f, tfar = maxDist;
     for (int k = 0; k < 3; ++k) {
         const float d = r.d[k];
-        if (absOf(d) <= kTinyDirection) {
-            r.inv[k] = kTinyInverse;
-            r.sign[k] = 0;
-        } else {
+        if (absOf(d) > kTinyDirection) {
             const float t1 = (box[3 + k] - r.o[k]) / d;
             const float t2 = (box[k] - r.o[k]) / d;
             tnear = maxOf(tnear, minOf(t1, t2));
             tfar = minOf(tfar, maxOf(t1, t2));
-            r.inv[k] = 1.0f / d;
-            r.sign[k] = d < 0.0f ? 1 : 0;
         }
         if (tnear > tfar) return false;
     }
