@@ -168,7 +168,7 @@ class TreeWalk {
 
     // Visits one inner node, or one leaf and the stack entry after it; false once the ray is
     // done.
-    bool step(const TriangleAccel* accel, float epsilon) noexcept
+    [[gnu::always_inline]] bool step(const TriangleAccel* accel, float epsilon) noexcept
     {
         const KDTreeNode* node = node_;
         if (isInner(node)) {
