@@ -20,54 +20,92 @@ void loadRay(const float* const dir[3], std::size_t i, float d[3]) noexcept
     for (int k = 0; k < 3; ++k) d[k] = dir[k][i];
 }
 
-int signPattern(const Ray& r) { return r.sign[0] | r.sign[1] << 1 | r.sign[2] << 2; }
-
 // Rays from one origin walk in packets of four rows by four columns of the block, a register
 // a row: a tile is more alike in direction than a run of sixteen along one row.
 constexpr int kPacketRegs = 4;
 using TilePacket = Packet<kPacketRegs>;
 constexpr int kTileRays = TilePacket::kRays;
 
-// The largest group of the rays of `ready` that share one sign pattern, as a lane mask, with
-// its first lane; the rest go through the single-ray walk.
-unsigned packetLanes(const Ray rays[kTileRays], unsigned ready, int& first)
+// Four rays of a tile row as a query sets them up, in the packet's registers.
+struct RowRays {
+    lanes::Float4 d[3], inv[3], tnear, tfar;
+    lanes::Mask4 negative[3];
+};
+
+// Ray l of a tile packet alone, with its own sign flags.
+Ray laneRay(const TilePacket& p, int l, int pattern)
 {
-    unsigned group[8] = {};
-    for (int l = 0; l < kTileRays; ++l)
-        if (ready >> l & 1) group[signPattern(rays[l])] |= 1u << l;
-    unsigned best = 0;
-    for (unsigned g : group)
-        if (__builtin_popcount(g) > __builtin_popcount(best)) best = g;
-    first = 0;
-    while (best && !(best >> first & 1)) ++first;  // a plain loop: tzcnt is beyond SSE2
-    return best;
+    const int g = l / 4, lane = l % 4;
+    alignas(16) float v[4];
+    auto pick = [&](lanes::Float4 x) {
+        x.store(v);
+        return v[lane];
+    };
+    Ray r;
+    for (int k = 0; k < 3; ++k) {
+        r.o[k] = p.origin[k];
+        r.d[k] = pick(p.d[g][k]);
+        r.inv[k] = pick(p.inv[g][k]);
+        r.sign[k] = pattern >> k & 1;
+    }
+    r.tnear = pick(p.tnear[g]);
+    r.tfar = pick(p.tfar[g]);
+    return r;
 }
 
-// Sets up every ray of the block tile by tile; in each tile the rays sharing a sign pattern
-// walk together (packet(p, lanes, index)) and the rest alone (single(ray, i)).
-template <class SetUp, class Single, class PacketFn>
-void traceTiles(PacketSize block, SetUp setUp, Single single, PacketFn packet)
+/*
+ * Sets up every ray of the block from `origin` tile by tile, four rays at a time:
+ * setUpRow(index, valid, row) sets up the rays of `valid` (lane bits) at block elements index[]
+ * and returns those with something to walk. In each tile the rays sharing the commonest sign
+ * pattern walk together (packet(p, lanes, index)) and the rest alone (single(ray, i)).
+ */
+template <class SetUpRow, class Single, class PacketFn>
+void traceTiles(const float origin[3], PacketSize block, SetUpRow setUpRow, Single single,
+                PacketFn packet)
 {
+    TilePacket p;
+    for (int k = 0; k < 3; ++k) p.origin[k] = origin[k], p.o[k] = lanes::Float4(origin[k]);
     for (int y = 0; y < block.height; y += kPacketRegs)
         for (int x = 0; x < block.width; x += 4) {
-            Ray rays[kTileRays];
             std::size_t index[kTileRays] = {};
-            unsigned ready = 0;
-            for (int l = 0; l < kTileRays; ++l) {
-                const int row = y + l / 4, col = x + l % 4;
-                if (row >= block.height || col >= block.width) continue;
-                index[l] = std::size_t(row) * std::size_t(block.width) + std::size_t(col);
-                if (setUp(rays[l], index[l])) ready |= 1u << l;
+            unsigned ready = 0, group[8] = {};
+            int pattern[kTileRays] = {};
+            for (int g = 0; g < kPacketRegs; ++g) {
+                RowRays r{};
+                unsigned valid = 0;
+                for (int l = 0; l < 4 && y + g < block.height && x + l < block.width; ++l) {
+                    index[4 * g + l] = std::size_t(y + g) * std::size_t(block.width) + (x + l);
+                    valid |= 1u << l;
+                }
+                const unsigned rowReady = valid ? setUpRow(index + 4 * g, valid, r) : 0u;
+                for (int k = 0; k < 3; ++k) p.d[g][k] = r.d[k], p.inv[g][k] = r.inv[k];
+                p.tnear[g] = r.tnear;
+                p.tfar[g] = r.tfar;
+                const int neg[3] = {lanes::bits(r.negative[0]), lanes::bits(r.negative[1]),
+                                    lanes::bits(r.negative[2])};
+                for (int l = 0; l < 4; ++l) {
+                    if (!(rowReady >> l & 1)) continue;
+                    const int signs =
+                        (neg[0] >> l & 1) | (neg[1] >> l & 1) << 1 | (neg[2] >> l & 1) << 2;
+                    pattern[4 * g + l] = signs;
+                    group[signs] |= 1u << (4 * g + l);
+                }
+                ready |= rowReady << (4 * g);
             }
-            int first = 0;
-            const unsigned lanes = packetLanes(rays, ready, first);
+            int common = 0;
+            for (int q = 1; q < 8; ++q)
+                if (__builtin_popcount(group[q]) > __builtin_popcount(group[common])) common = q;
+            const unsigned lanes = group[common];
             if (__builtin_popcount(lanes) > 1) {
-                TilePacket p = gatherPacket<kPacketRegs>(rays, lanes, first);
+                for (int k = 0; k < 3; ++k) p.sign[k] = common >> k & 1;
                 packet(p, lanes, index);
                 ready &= ~lanes;
             }
-            for (int l = 0; l < kTileRays; ++l)
-                if (ready >> l & 1) single(rays[l], index[l]);
+            for (int l = 0; l < kTileRays; ++l) {
+                if (!(ready >> l & 1)) continue;
+                Ray r = laneRay(p, l, pattern[l]);
+                single(r, index[l]);
+            }
         }
 }
 
@@ -145,7 +183,22 @@ void nearestHits(Origins origin, const float* const dir[3], float* dist, float* 
         return;
     }
 
-    // Rays from one origin walk in tiles.
+    // Rays from one origin walk in tiles, set up four at a time.
+    auto setUpRow = [&](const std::size_t* index, unsigned valid, RowRays& r) {
+        alignas(16) float d[3][4] = {}, maxDist[4] = {};
+        for (int l = 0; l < 4; ++l) {
+            if (!(valid >> l & 1)) continue;
+            const std::size_t i = index[l];
+            triangle[i] = -1;
+            for (int k = 0; k < 3; ++k) d[k][l] = dir[k][i];
+            maxDist[l] = dist[i];
+        }
+        const lanes::Float4 o[3] = {origin.shared[0], origin.shared[1], origin.shared[2]};
+        for (int k = 0; k < 3; ++k) r.d[k] = lanes::Float4::load(d[k]);
+        const lanes::Mask4 inside = enterBox(ctx.pBound, o, r.d, lanes::Float4::load(maxDist),
+                                             r.inv, r.negative, r.tnear, r.tfar);
+        return unsigned(lanes::bits(inside)) & valid;
+    };
     auto packet = [&](TilePacket& p, unsigned lanes, const std::size_t* index) {
         alignas(16) float best[kTileRays];
         for (int l = 0; l < kTileRays; ++l) best[l] = (lanes >> l & 1) ? dist[index[l]] : 0.0f;
@@ -169,7 +222,7 @@ void nearestHits(Origins origin, const float* const dir[3], float* dist, float* 
             }
         }
     };
-    traceTiles(block, setUp, single, packet);
+    traceTiles(origin.shared, block, setUpRow, single, packet);
 }
 
 }  // namespace
@@ -249,13 +302,22 @@ void intersectLayers(const float origin[3], const float* const dir[3], float* di
 void intersectAny(const float origin[3], const float* const dir[3], int* triangle, int* mask,
                   PacketSize block, const IntersectContext& ctx) noexcept
 {
-    auto setUp = [&](Ray& ray, std::size_t i) {
-        triangle[i] = -1;
-        if (mask[i] < 0) return false;
-        for (int k = 0; k < 3; ++k) ray.o[k] = origin[k];
-        loadRay(dir, i, ray.d);
-        setUpOcclusion(ray);
-        return true;
+    auto setUpRow = [&](const std::size_t* index, unsigned valid, RowRays& r) {
+        alignas(16) float d[3][4] = {};
+        unsigned traced = 0;
+        for (int l = 0; l < 4; ++l) {
+            if (!(valid >> l & 1)) continue;
+            const std::size_t i = index[l];
+            triangle[i] = -1;
+            if (mask[i] < 0) continue;
+            traced |= 1u << l;
+            for (int k = 0; k < 3; ++k) d[k][l] = dir[k][i];
+        }
+        for (int k = 0; k < 3; ++k) r.d[k] = lanes::Float4::load(d[k]);
+        occlusionInverses(r.d, r.inv, r.negative);
+        r.tnear = 0.0f;
+        r.tfar = kOcclusionFar;
+        return traced;
     };
     auto single = [&](Ray& ray, std::size_t i) {
         AnyHit h;
@@ -274,7 +336,7 @@ void intersectAny(const float origin[3], const float* const dir[3], int* triangl
             mask[index[l]] = -1;
         }
     };
-    traceTiles(block, setUp, single, packet);
+    traceTiles(origin, block, setUpRow, single, packet);
 }
 
 }  // namespace vlkr::raytrace

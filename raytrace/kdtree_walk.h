@@ -46,34 +46,76 @@ inline float minOf(float a, float b) { return a < b ? a : b; }
 inline float maxOf(float a, float b) { return a > b ? a : b; }
 inline float absOf(float a) { return a < 0.0f ? -a : a; }
 
-// The inverses and sign flags of the box-clipped queries.
-inline void setUpInverses(Ray& r) noexcept
+// Ray set-up, written once for one ray or four. A direction component counts as tiny when
+// its size is at most kTinyDirection. `negative` holds the sign flags as lane masks.
+
+// The inverses and sign flags of the box-clipped queries: a tiny component has the stand-in
+// inverse and sign flag 0.
+template <class V>
+void boxInverses(const V d[3], V inv[3], typename V::Mask negative[3]) noexcept
 {
     for (int k = 0; k < 3; ++k) {
-        const bool tiny = absOf(r.d[k]) <= kTinyDirection;
-        r.inv[k] = tiny ? kTinyInverse : 1.0f / r.d[k];
-        r.sign[k] = !tiny && r.d[k] < 0.0f ? 1 : 0;
+        const auto tiny = V(kTinyDirection) >= lanes::abs(d[k]);
+        inv[k] = lanes::select(tiny, V(kTinyInverse), V(1.0f) / d[k]);
+        negative[k] = lanes::andNot(tiny, d[k] < V(0.0f));
     }
 }
 
-// Sets the ray up and clips the segment [0, maxDist] to the box; false when the ray misses it.
+// The inverses and sign flags of occlusion rays: the sign flag whatever the size, and the
+// occlusion stand-in for tiny components.
+template <class V>
+void occlusionInverses(const V d[3], V inv[3], typename V::Mask negative[3]) noexcept
+{
+    for (int k = 0; k < 3; ++k) {
+        const auto tiny = V(kTinyDirection) >= lanes::abs(d[k]);
+        inv[k] = lanes::select(tiny, V(kOcclusionTinyInverse), V(1.0f) / d[k]);
+        negative[k] = d[k] < V(0.0f);
+    }
+}
+
+// Sets the rays up and clips each segment [0, maxDist] to the box, axis by axis; tiny
+// components do not narrow it. Returns the lanes that enter the box: a lane misses once its
+// near end passes its far end after any axis.
+template <class V>
+typename V::Mask enterBox(const float* box, const V o[3], const V d[3], V maxDist, V inv[3],
+                          typename V::Mask negative[3], V& tnear, V& tfar) noexcept
+{
+    boxInverses(d, inv, negative);
+    typename V::Mask missed{_mm_setzero_ps()};
+    tnear = V(0.0f);
+    tfar = maxDist;
+    for (int k = 0; k < 3; ++k) {
+        const auto tiny = V(kTinyDirection) >= lanes::abs(d[k]);
+        const V t1 = (V(box[3 + k]) - o[k]) / d[k];
+        const V t2 = (V(box[k]) - o[k]) / d[k];
+        tnear = lanes::select(tiny, tnear, lanes::max(tnear, lanes::min(t1, t2)));
+        tfar = lanes::select(tiny, tfar, lanes::min(tfar, lanes::max(t1, t2)));
+        missed = missed | (tnear > tfar);
+    }
+    tfar = tfar + V(kSegmentPad);
+    return lanes::andNot(missed, lanes::allLanes<V::kLanes>());
+}
+
+// The one-ray forms, on a Ray with its origin and direction filled in.
+inline void setUpInverses(Ray& r) noexcept
+{
+    lanes::Float1 d[3] = {r.d[0], r.d[1], r.d[2]}, inv[3];
+    lanes::Mask1 negative[3];
+    boxInverses(d, inv, negative);
+    for (int k = 0; k < 3; ++k) r.inv[k] = inv[k].first(), r.sign[k] = lanes::bits(negative[k]);
+}
+
+// False when the ray misses the box.
 inline bool enterBox(const float* box, float maxDist, Ray& r) noexcept
 {
-    setUpInverses(r);
-    float tnear = 0.0f, tfar = maxDist;
-    for (int k = 0; k < 3; ++k) {
-        const float d = r.d[k];
-        if (absOf(d) > kTinyDirection) {
-            const float t1 = (box[3 + k] - r.o[k]) / d;
-            const float t2 = (box[k] - r.o[k]) / d;
-            tnear = maxOf(tnear, minOf(t1, t2));
-            tfar = minOf(tfar, maxOf(t1, t2));
-        }
-        if (tnear > tfar) return false;
-    }
-    r.tnear = tnear;
-    r.tfar = tfar + kSegmentPad;
-    return true;
+    const lanes::Float1 o[3] = {r.o[0], r.o[1], r.o[2]}, d[3] = {r.d[0], r.d[1], r.d[2]};
+    lanes::Float1 inv[3], tnear, tfar;
+    lanes::Mask1 negative[3];
+    const auto inside = enterBox(box, o, d, lanes::Float1(maxDist), inv, negative, tnear, tfar);
+    for (int k = 0; k < 3; ++k) r.inv[k] = inv[k].first(), r.sign[k] = lanes::bits(negative[k]);
+    r.tnear = tnear.first();
+    r.tfar = tfar.first();
+    return lanes::any(inside);
 }
 
 // The layered query's later segments: from the new origin to where the ray leaves the box,
@@ -90,13 +132,13 @@ inline void reenterBox(const float* box, Ray& r) noexcept
     r.tfar = tfar + kSegmentPad;
 }
 
-// Occlusion rays test 0 < t < 1 without the box; tiny components get their own stand-in.
+// Occlusion rays test 0 < t < 1 without the box.
 inline void setUpOcclusion(Ray& r) noexcept
 {
-    for (int k = 0; k < 3; ++k) {
-        r.sign[k] = r.d[k] < 0.0f ? 1 : 0;
-        r.inv[k] = absOf(r.d[k]) <= kTinyDirection ? kOcclusionTinyInverse : 1.0f / r.d[k];
-    }
+    lanes::Float1 d[3] = {r.d[0], r.d[1], r.d[2]}, inv[3];
+    lanes::Mask1 negative[3];
+    occlusionInverses(d, inv, negative);
+    for (int k = 0; k < 3; ++k) r.inv[k] = inv[k].first(), r.sign[k] = lanes::bits(negative[k]);
     r.tnear = 0.0f;
     r.tfar = kOcclusionFar;
 }

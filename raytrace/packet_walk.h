@@ -9,8 +9,9 @@
 
 namespace vlkr::raytrace {
 
-// Up to 4 * kRegs rays from one origin whose sign flags agree on every axis, so that they
-// share the near/far order. Lane l of register g is ray 4 g + l of the packet.
+// Up to 4 * kRegs rays from one origin; those that walk together agree with `sign` on every
+// axis, so that they share the near/far order. Lane l of register g is ray 4 g + l of the
+// packet; lanes outside the walk hold numbers of their own that nothing reads.
 template <int kRegs>
 struct Packet {
     static constexpr int kRays = 4 * kRegs;
@@ -22,39 +23,6 @@ struct Packet {
     lanes::Float4 tfar[kRegs];
     int sign[3];
 };
-
-// Gathers the rays of `lanes` (all with the sign pattern of `rays[first]`) into a packet; idle
-// lanes repeat the first ray so that they compute harmless numbers.
-template <int kRegs>
-Packet<kRegs> gatherPacket(const Ray* rays, unsigned lanes, int first)
-{
-    alignas(16) float v[2][3][Packet<kRegs>::kRays];
-    alignas(16) float seg[2][Packet<kRegs>::kRays];
-    for (int l = 0; l < Packet<kRegs>::kRays; ++l) {
-        const Ray& r = rays[(lanes >> l & 1) ? l : first];
-        for (int k = 0; k < 3; ++k) {
-            v[0][k][l] = r.d[k];
-            v[1][k][l] = r.inv[k];
-        }
-        seg[0][l] = r.tnear;
-        seg[1][l] = r.tfar;
-    }
-    Packet<kRegs> p;
-    for (int k = 0; k < 3; ++k) {
-        p.origin[k] = rays[first].o[k];
-        p.o[k] = lanes::Float4(p.origin[k]);
-        p.sign[k] = rays[first].sign[k];
-    }
-    for (int g = 0; g < kRegs; ++g) {
-        for (int k = 0; k < 3; ++k) {
-            p.d[g][k] = lanes::Float4::load(v[0][k] + 4 * g);
-            p.inv[g][k] = lanes::Float4::load(v[1][k] + 4 * g);
-        }
-        p.tnear[g] = lanes::Float4::load(seg[0] + 4 * g);
-        p.tfar[g] = lanes::Float4::load(seg[1] + 4 * g);
-    }
-    return p;
-}
 
 inline lanes::Mask4 laneMask4(unsigned bits)
 {
