@@ -5,6 +5,7 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <utility>
 
 #include "build_memory.h"
 #include "kdtree_node.h"
@@ -19,6 +20,9 @@ constexpr double kEmptyFraction = 0.1;  // empty space worth cutting, as a share
 constexpr double kTinyFaceArea = 1e-9;  // below this the side-face term h is 0
 constexpr double kNoCost = 1.7976931348623157e308;
 constexpr std::size_t kBulkSortAbove = 320;  // longer candidate lists use the radix sort
+// The list arena asked for, in multiples of the root's lists: the stack of pending children
+// peaks near three.
+constexpr std::size_t kListArenaRoots = 4;
 // How many thresholds a split must save over its leaf; see worthSplitting.
 constexpr double kTraversalShare = 3.0;
 
@@ -139,42 +143,79 @@ inline std::uint32_t sortKey(float f)
     return u ^ ((u >> 31) ? 0xFFFFFFFFu : 0x80000000u);
 }
 
-// Sorts n floats ascending and returns where they ended up: `list`, or `spare` when the
-// byte-wise radix sort that long lists take ran an odd number of passes. A byte that is the
-// same in every key needs no pass, which in the small boxes deep in the tree is most of them.
-float* sortAscending(float* list, float* spare, std::size_t n)
+inline float keyValue(std::uint32_t k)
+{
+    const std::uint32_t u = k ^ ((k >> 31) ? 0x80000000u : 0xFFFFFFFFu);
+    float f;
+    std::memcpy(&f, &u, 4);
+    return f;
+}
+
+// Whether a comes before b in key order: by value, and -0 before +0, so that the lowest and
+// highest bound of a node never depend on the order its references are visited in. A NaN
+// comes before nothing and nothing comes before it.
+inline bool keyBelow(float a, float b)
+{
+    return a < b || (a == b && std::signbit(a) && !std::signbit(b));
+}
+
+constexpr int kRadixBits = 11;  // three passes cover a 32-bit key
+constexpr int kRadixPasses = 3;
+constexpr std::uint32_t kRadixDigits = 1u << kRadixBits;
+
+/*
+ * Sorts n positions ascending by their keys, carrying the triangle number of each along when
+ * kCarry is set. Both methods give the key order, -0 before +0, whatever order the positions
+ * came in. Returns true when the result ended up in the spare buffers instead of in place:
+ * the radix sort that long lists take runs an odd number of passes when a digit that is the
+ * same in every key, as most are in the small boxes deep in the tree, needs no pass.
+ */
+template <bool kCarry>
+bool sortByKey(float* pos, int* tri, float* sparePos, int* spareTri, std::size_t n)
 {
     if (n <= kBulkSortAbove) {
-        std::sort(list, list + n);
-        return list;
+        std::uint64_t packed[kBulkSortAbove];
+        for (std::size_t i = 0; i < n; ++i)
+            packed[i] = std::uint64_t(sortKey(pos[i])) << 32 |
+                        (kCarry ? static_cast<std::uint32_t>(tri[i]) : 0u);
+        std::sort(packed, packed + n);
+        for (std::size_t i = 0; i < n; ++i) {
+            pos[i] = keyValue(static_cast<std::uint32_t>(packed[i] >> 32));
+            if constexpr (kCarry) tri[i] = static_cast<int>(static_cast<std::uint32_t>(packed[i]));
+        }
+        return false;
     }
-    std::uint32_t hist[4][256] = {};
+    std::uint32_t hist[kRadixPasses][kRadixDigits] = {};
     for (std::size_t i = 0; i < n; ++i) {
-        const std::uint32_t k = sortKey(list[i]);
-        ++hist[0][k & 255];
-        ++hist[1][(k >> 8) & 255];
-        ++hist[2][(k >> 16) & 255];
-        ++hist[3][k >> 24];
+        const std::uint32_t k = sortKey(pos[i]);
+        for (int pass = 0; pass < kRadixPasses; ++pass)
+            ++hist[pass][(k >> (kRadixBits * pass)) & (kRadixDigits - 1)];
     }
-    float* src = list;
-    float* dst = spare;
-    for (int pass = 0; pass < 4; ++pass) {
+    float* srcPos = pos;
+    float* dstPos = sparePos;
+    int* srcTri = tri;
+    int* dstTri = spareTri;
+    bool inSpare = false;
+    for (int pass = 0; pass < kRadixPasses; ++pass) {
         std::uint32_t* h = hist[pass];
-        const int shift = 8 * pass;
-        if (h[(sortKey(src[0]) >> shift) & 255] == n) continue;
+        const int shift = kRadixBits * pass;
+        if (h[(sortKey(srcPos[0]) >> shift) & (kRadixDigits - 1)] == n) continue;
         std::uint32_t sum = 0;
-        for (int d = 0; d < 256; ++d) {
+        for (std::uint32_t d = 0; d < kRadixDigits; ++d) {
             const std::uint32_t count = h[d];
             h[d] = sum;
             sum += count;
         }
         for (std::size_t i = 0; i < n; ++i) {
-            const std::uint32_t digit = (sortKey(src[i]) >> shift) & 255;
-            dst[h[digit]++] = src[i];
+            const std::uint32_t at = h[(sortKey(srcPos[i]) >> shift) & (kRadixDigits - 1)]++;
+            dstPos[at] = srcPos[i];
+            if constexpr (kCarry) dstTri[at] = srcTri[i];
         }
-        std::swap(src, dst);
+        std::swap(srcPos, dstPos);
+        std::swap(srcTri, dstTri);
+        inSpare = !inSpare;
     }
-    return src;
+    return inSpare;
 }
 
 // ---------------------------------------------------------------------------------------
@@ -216,6 +257,13 @@ struct Candidates {
     float* spare;  // the radix sort's second buffer
     std::size_t ns = 0, nflat = 0;
     float lowest = INFINITY, highest = -INFINITY;
+    bool sorted = false;
+
+    void widen(float l, float u)
+    {
+        if (keyBelow(l, lowest)) lowest = l;
+        if (keyBelow(highest, u)) highest = u;
+    }
 };
 
 // The cost of cutting off the empty space below the lowest or above the highest bound,
@@ -244,14 +292,10 @@ double emptySpaceCost(const AxisFrame& ax, const Candidates& c, Split& cut)
 // Sorts the three lists ascending, each sort taking the buffer the one before left free.
 void sortCandidates(Candidates& c)
 {
-    float* spare = c.spare;
-    float* sorted = sortAscending(c.starts, spare, c.ns);
-    if (sorted == spare) spare = c.starts;
-    c.starts = sorted;
-    sorted = sortAscending(c.ends, spare, c.ns);
-    if (sorted == spare) spare = c.ends;
-    c.ends = sorted;
-    c.flats = sortAscending(c.flats, spare, c.nflat);
+    const std::pair<float**, std::size_t> lists[] = {
+        {&c.starts, c.ns}, {&c.ends, c.ns}, {&c.flats, c.nflat}};
+    for (const auto& [list, n] : lists)
+        if (sortByKey<false>(*list, nullptr, c.spare, nullptr, n)) std::swap(*list, c.spare);
 }
 
 // The cheapest plane of one axis so far, by its cost before the (a + b) factor; it writes the
@@ -345,10 +389,19 @@ void sweepPlanes(const AxisFrame& ax, const Candidates& c, CheapestPlane& cheape
  * pulls empty space out early. Triangles cut by the chosen plane go to both children with
  * their bounds re-clipped to each child box in double, so child bounds stay tight.
  *
- * The node's references live in one range of an arena; partitioning is in place, and only
- * the straddling references are copied, so the arena holds little more than one reference
- * per triangle at any moment. Nodes are written depth first, each pair of children next to
- * each other, into storage that grows in 16 MB chunks charged against the caller's budget.
+ * Two ways to hold a node's triangles give the same tree. When the budget has room, the
+ * candidate lists are sorted once at the root and kept sorted on the way down, as in Wald and
+ * Havran's O(N log N) build: each node's three lists per axis carry the triangle of every
+ * position, a split hands each entry to its side in order, and only the straddling
+ * triangles, re-clipped, are sorted and merged in. The lists live in one arena used as a
+ * stack; a subtree that would overflow it, and the whole build when the arena does not fit
+ * the budget, go the other way: the node's references lie in one range of a reference arena,
+ * each node gathers and sorts its lists afresh, partitioning is in place, and only the
+ * straddling references are copied. Both ways charge the reference arena alike, so the
+ * sorted lists only ever add to what the budget sees; a build whose lists leave too little
+ * for the nodes starts again without them. Nodes are written depth first, each pair of
+ * children next to each other, into storage that grows in 16 MB chunks charged against the
+ * caller's budget.
  */
 class SahBuilder {
    public:
@@ -370,13 +423,35 @@ class SahBuilder {
     {
         if (!allocateWorkspace()) return vlkStatusMemAlloc;
         Box root;
-        const std::size_t refCount = gatherRefs(root);
+        bool finite = false;
+        std::size_t refCount = gatherRefs(root, finite);
         refTop_ = refCount;
         nodeCount_ = 1;
-        if (!buildNode(0, 0, refCount, root, 0)) return vlkStatusMemAlloc;
+        bool built = false;
+        NodeLists rootLists;
+        const ListArena arena = finite ? openListArena(refCount, rootLists) : ListArena::kNone;
+        if (arena == ListArena::kHeapFailed) return vlkStatusMemAlloc;
+        if (arena == ListArena::kOpen) {
+            built = buildFromLists(0, rootLists, root, 0);
+            if (!built && budget_.refused()) {
+                // The sorted lists took budget the nodes needed: build again without them.
+                listArena_.release();
+                refs_.trim();
+                nodes_.trim();
+                budget_.clearRefused();
+                refCount = gatherRefs(root, finite);
+                refTop_ = refCount;
+                nodeCount_ = 1;
+                built = buildNode(0, 0, refCount, root, 0);
+            }
+        } else {
+            built = buildNode(0, 0, refCount, root, 0);
+        }
+        if (!built) return vlkStatusMemAlloc;
 
         // Give back the working arrays before the finished tree is allocated.
         for (ChargedBlock& list : lists_) list.release();
+        listArena_.release();
         refs_.release();
         const std::size_t bytes = nodeCount_ * sizeof(KDTreeNode);
         ChargedBlock out;
@@ -406,8 +481,9 @@ class SahBuilder {
     }
 
     // Fills the arena with one reference per usable triangle and sets the root box: the
-    // caller's box, or the bounds of all vertices.
-    std::size_t gatherRefs(Box& root) noexcept
+    // caller's box, or the bounds of all vertices. `finite` tells whether the box and every
+    // kept triangle's corners are finite numbers, which the sorted lists need.
+    std::size_t gatherRefs(Box& root, bool& finite) noexcept
     {
         if (params_.pBound) {
             for (int k = 0; k < 3; ++k) {
@@ -425,6 +501,9 @@ class SahBuilder {
                     root.hi[k] = std::max(root.hi[k], vertices_[3 * i + k]);
                 }
         }
+        finite = true;
+        for (int k = 0; k < 3; ++k)
+            finite = finite && std::isfinite(root.lo[k]) && std::isfinite(root.hi[k]);
         std::size_t count = 0;
         for (int t = 0; t < triangleCount_; ++t) {
             double corner[3][3];
@@ -442,7 +521,11 @@ class SahBuilder {
                 // NaN corners fail this test too and fall to the clip, which drops them.
                 inside = inside && l >= root.lo[k] && h <= root.hi[k];
             }
-            if (inside || clipTriangle(corner, root, r.lo, r.hi)) ++count;
+            if (inside || clipTriangle(corner, root, r.lo, r.hi)) {
+                ++count;
+                for (int c = 0; c < 3; ++c)
+                    for (int k = 0; k < 3; ++k) finite = finite && std::isfinite(corner[c][k]);
+            }
         }
         return count;
     }
@@ -480,21 +563,23 @@ class SahBuilder {
         return s.recorded + kTraversalShare * threshold / double(float(n)) < leaf;
     }
 
-    // Offers `best` the cheapest plane on `axis`: a cut of empty space when one is worth
-    // making, else the cheapest of the planes at flat faces and of the sweep.
-    void findSplitOnAxis(int axis, std::size_t begin, std::size_t end, const Box& box,
-                         Split& best) noexcept
+    // Offers `best` the cheapest plane on `axis` among the candidates `candidatesOn(axis)`
+    // gives: a cut of empty space when one is worth making, else the cheapest of the planes
+    // at flat faces and of the sweep.
+    template <class CandidatesOn>
+    void findSplitOnAxis(int axis, const Box& box, std::size_t n, Split& best,
+                         CandidatesOn candidatesOn) noexcept
     {
         AxisFrame ax;
-        if (!frameAxis(axis, box, end - begin, ax)) return;
-        Candidates c = gatherCandidates(axis, begin, end);
+        if (!frameAxis(axis, box, n, ax)) return;
+        Candidates c = candidatesOn(axis);
         Split axisBest;
         axisBest.axis = axis;
         const double emptyCost = emptySpaceCost(ax, c, axisBest);
         if (emptyCost < kNoCost) {
             axisBest.recorded = kFacePreference * (ax.ea + ax.eb) * emptyCost;
         } else {
-            sortCandidates(c);
+            if (!c.sorted) sortCandidates(c);
             CheapestPlane cheapest(ax, axisBest);
             considerFlatsOnFaces(ax, c, cheapest);
             sweepPlanes(ax, c, cheapest);
@@ -512,8 +597,7 @@ class SahBuilder {
         for (std::size_t i = begin; i < end; ++i) {
             const Ref& r = refs_[i];
             const float l = r.lo[axis], u = r.hi[axis];
-            c.lowest = std::min(c.lowest, l);
-            c.highest = std::max(c.highest, u);
+            c.widen(l, u);
             if (l < u) {
                 c.starts[c.ns] = l;
                 c.ends[c.ns++] = u;
@@ -559,6 +643,18 @@ class SahBuilder {
         return out;
     }
 
+    // Reserves the pair of children right after everything written so far and makes `node`
+    // the inner node that links to them; returns the pair's index, or 0 when out of memory.
+    std::size_t writeInner(std::size_t node, const Split& split) noexcept
+    {
+        const std::size_t pair = nodeCount_;
+        if (pair + 2 > (std::size_t(INT_MAX) >> 3) || !nodes_.reserve(pair + 2)) return 0;
+        nodeCount_ += 2;
+        const std::size_t pairOffset = (pair - node) * sizeof(KDTreeNode);
+        nodes_[node] = innerNode(static_cast<std::int32_t>(pairOffset), split.axis, split.pos);
+        return pair;
+    }
+
     bool buildNode(std::size_t node, std::size_t begin, std::size_t end, const Box& box,
                    unsigned depth) noexcept
     {
@@ -569,15 +665,16 @@ class SahBuilder {
         }
         Split split;
         if (depth < params_.depth)
-            for (int axis = 0; axis < 3; ++axis) findSplitOnAxis(axis, begin, end, box, split);
-        if (!split.valid() || !worthSplitting(split, box, n)) return writeLeaf(node, begin, end);
-
-        // Reserve the pair of children right after everything written so far.
-        const std::size_t pair = nodeCount_;
-        if (pair + 2 > (std::size_t(INT_MAX) >> 3) || !nodes_.reserve(pair + 2)) return false;
-        nodeCount_ += 2;
-        const std::size_t pairOffset = (pair - node) * sizeof(KDTreeNode);
-        nodes_[node] = innerNode(static_cast<std::int32_t>(pairOffset), split.axis, split.pos);
+            for (int axis = 0; axis < 3; ++axis)
+                findSplitOnAxis(axis, box, n, split,
+                                [&](int a) { return gatherCandidates(a, begin, end); });
+        if (!split.valid() || !worthSplitting(split, box, n)) {
+            int* tris = lists_[0].as<int>();
+            for (std::size_t i = 0; i < n; ++i) tris[i] = refs_[begin + i].tri;
+            return writeLeaf(node, tris, n);
+        }
+        const std::size_t pair = writeInner(node, split);
+        if (pair == 0) return false;
 
         // Partition in place into [below | both | above].
         std::size_t lowEnd = begin, highBegin = end;
@@ -616,11 +713,336 @@ class SahBuilder {
         return buildNode(pair + 1, upperBegin, end, above, depth + 1);
     }
 
-    bool writeLeaf(std::size_t node, std::size_t begin, std::size_t end) noexcept
+    // ------------------------------------------------------------------- sorted lists
+
+    // Where one node's lists of one axis lie in the list arena; each run of positions has
+    // the triangle numbers beside it and one spare slot after it for the sweep's end marker.
+    struct AxisLists {
+        std::size_t starts, ends, flats;
+        std::size_t ns, nf;
+    };
+    struct NodeLists {
+        AxisLists axis[3];
+        std::size_t count() const noexcept { return axis[0].ns + axis[0].nf; }
+    };
+    enum Side : std::uint8_t { kBelow, kAbove, kBoth };
+    enum class ListArena { kOpen, kNone, kHeapFailed };
+
+    // Arena entries a node with these list lengths takes.
+    static std::size_t listsSize(const std::size_t ns[3], const std::size_t nf[3]) noexcept
     {
-        const std::size_t n = end - begin;
-        int* tris = lists_[0].as<int>();
-        for (std::size_t i = 0; i < n; ++i) tris[i] = refs_[begin + i].tri;
+        std::size_t size = 0;
+        for (int a = 0; a < 3; ++a) size += 2 * (ns[a] + 1) + nf[a] + 1;
+        return size;
+    }
+
+    // Lays out lists of these lengths at the top of the arena.
+    NodeLists placeLists(const std::size_t ns[3], const std::size_t nf[3]) noexcept
+    {
+        NodeLists l;
+        for (int a = 0; a < 3; ++a) {
+            l.axis[a] = {listTop_, listTop_ + ns[a] + 1, listTop_ + 2 * (ns[a] + 1), ns[a], nf[a]};
+            listTop_ += 2 * (ns[a] + 1) + nf[a] + 1;
+        }
+        return l;
+    }
+
+    // Sorts the run of n entries at `at`, using the n entries at `spareAt` as scratch.
+    void sortRun(std::size_t at, std::size_t n, std::size_t spareAt) noexcept
+    {
+        if (!sortByKey<true>(listPos_ + at, listTri_ + at, listPos_ + spareAt, listTri_ + spareAt,
+                             n))
+            return;
+        std::memcpy(listPos_ + at, listPos_ + spareAt, n * sizeof(float));
+        std::memcpy(listTri_ + at, listTri_ + spareAt, n * sizeof(int));
+    }
+
+    /*
+     * Charges and allocates the list arena and fills the root's lists from the references.
+     * The arena is a stack: a node's children sit above it while its subtree is built, so it
+     * peaks near three times the root's lists; we ask for four times that, and settle for
+     * half of what the budget still holds when that is less but more than the root needs.
+     */
+    ListArena openListArena(std::size_t refCount, NodeLists& root) noexcept
+    {
+        std::size_t ns[3] = {}, nf[3] = {};
+        for (std::size_t i = 0; i < refCount; ++i)
+            for (int a = 0; a < 3; ++a) ++(refs_[i].lo[a] < refs_[i].hi[a] ? ns : nf)[a];
+        const std::size_t rootSize = listsSize(ns, nf);
+        const std::size_t least = rootSize + refCount;  // the root and the sort's spare
+        constexpr std::size_t kEntryBytes = sizeof(float) + sizeof(int);
+        std::size_t entries = std::min(kListArenaRoots * rootSize,
+                                       std::size_t(budget_.remaining() / 2) / kEntryBytes);
+        entries = std::min(entries, std::size_t(0x7FFFFFFF) / kEntryBytes);
+        if (entries < least) return ListArena::kNone;
+        const std::uint32_t bytes = static_cast<std::uint32_t>(entries * kEntryBytes);
+        if (!listArena_.acquire(budget_, bytes, bytes)) return ListArena::kHeapFailed;
+        listPos_ = listArena_.as<float>();
+        listTri_ = reinterpret_cast<int*>(listPos_ + entries);
+        listCap_ = entries;
+        listTop_ = 0;
+
+        root = placeLists(ns, nf);
+        std::size_t fill[3][3] = {};  // per axis: starts, ends, flats written
+        for (std::size_t i = 0; i < refCount; ++i) {
+            const Ref& r = refs_[i];
+            for (int a = 0; a < 3; ++a) {
+                const AxisLists& x = root.axis[a];
+                if (r.lo[a] < r.hi[a]) {
+                    listPos_[x.starts + fill[a][0]] = r.lo[a];
+                    listTri_[x.starts + fill[a][0]++] = r.tri;
+                    listPos_[x.ends + fill[a][1]] = r.hi[a];
+                    listTri_[x.ends + fill[a][1]++] = r.tri;
+                } else {
+                    listPos_[x.flats + fill[a][2]] = r.lo[a];
+                    listTri_[x.flats + fill[a][2]++] = r.tri;
+                }
+            }
+        }
+        for (const AxisLists& x : root.axis) {
+            sortRun(x.starts, x.ns, listTop_);
+            sortRun(x.ends, x.ns, listTop_);
+            sortRun(x.flats, x.nf, listTop_);
+        }
+        return ListArena::kOpen;
+    }
+
+    // The node's candidates on `axis`, already sorted; the bounds come from the lists' ends.
+    Candidates listCandidates(const NodeLists& l, int axis) const noexcept
+    {
+        const AxisLists& x = l.axis[axis];
+        Candidates c{listPos_ + x.starts, listPos_ + x.ends, listPos_ + x.flats, nullptr};
+        c.ns = x.ns;
+        c.nflat = x.nf;
+        c.sorted = true;
+        if (x.ns > 0) c.widen(c.starts[0], c.ends[x.ns - 1]);
+        if (x.nf > 0) c.widen(c.flats[0], c.flats[x.nf - 1]);
+        return c;
+    }
+
+    // Hands the entries of one parent run to the children in order, below-only ones to the
+    // run at `toBelow` and above-only ones to the run at `toAbove`; straddlers are dropped.
+    void splitRun(std::size_t from, std::size_t n, const std::uint8_t* side, std::size_t toBelow,
+                  std::size_t toAbove) noexcept
+    {
+        const float* pos = listPos_ + from;
+        const int* tri = listTri_ + from;
+        float* lowPos = listPos_ + toBelow;
+        int* lowTri = listTri_ + toBelow;
+        float* highPos = listPos_ + toAbove;
+        int* highTri = listTri_ + toAbove;
+        std::size_t nl = 0, nh = 0;
+        // Both runs end in a spare slot, so writing one entry past either end is harmless.
+        for (std::size_t i = 0; i < n; ++i) {
+            const int t = tri[i];
+            const float p = pos[i];
+            const std::uint8_t s = side[t];
+            lowPos[nl] = p;
+            lowTri[nl] = t;
+            highPos[nh] = p;
+            highTri[nh] = t;
+            nl += s == kBelow;
+            nh += s == kAbove;
+        }
+    }
+
+    // Merges the nStr sorted entries at `str` into the run at `to`, whose first nStr slots
+    // are free and whose own sorted entries follow them.
+    void mergeRun(std::size_t to, std::size_t nStr, std::size_t nOwn, std::size_t str) noexcept
+    {
+        float* pos = listPos_ + to;
+        int* tri = listTri_ + to;
+        const float* strPos = listPos_ + str;
+        const int* strTri = listTri_ + str;
+        const std::size_t end = nStr + nOwn;
+        std::size_t i = 0, j = nStr, k = 0;
+        while (i < nStr) {
+            if (j < end && sortKey(pos[j]) < sortKey(strPos[i])) {
+                pos[k] = pos[j];
+                tri[k++] = tri[j++];
+            } else {
+                pos[k] = strPos[i];
+                tri[k++] = strTri[i++];
+            }
+        }
+    }
+
+    // Turns the node's lists into references at the start of the reference arena, for the
+    // build that sorts per node.
+    void listsToRefs(const NodeLists& l) noexcept
+    {
+        int* slot = lists_[1].as<int>();
+        std::size_t n = 0;
+        for (std::size_t run : {l.axis[0].starts, l.axis[0].flats}) {
+            const std::size_t len = run == l.axis[0].starts ? l.axis[0].ns : l.axis[0].nf;
+            for (std::size_t i = 0; i < len; ++i) {
+                const int t = listTri_[run + i];
+                slot[t] = static_cast<int>(n);
+                refs_[n].tri = t;
+                refs_[n++].unused = 0;
+            }
+        }
+        for (int a = 0; a < 3; ++a) {
+            const AxisLists& x = l.axis[a];
+            for (std::size_t i = 0; i < x.ns; ++i) {
+                refs_[slot[listTri_[x.starts + i]]].lo[a] = listPos_[x.starts + i];
+                refs_[slot[listTri_[x.ends + i]]].hi[a] = listPos_[x.ends + i];
+            }
+            for (std::size_t i = 0; i < x.nf; ++i) {
+                Ref& r = refs_[slot[listTri_[x.flats + i]]];
+                r.lo[a] = r.hi[a] = listPos_[x.flats + i];
+            }
+        }
+    }
+
+    bool buildFromLists(std::size_t node, const NodeLists& l, const Box& box,
+                        unsigned depth) noexcept
+    {
+        const std::size_t n = l.count();
+        if (n == 0) {
+            nodes_[node] = emptyLeaf();
+            return true;
+        }
+        Split split;
+        if (depth < params_.depth)
+            for (int axis = 0; axis < 3; ++axis)
+                findSplitOnAxis(axis, box, n, split, [&](int a) { return listCandidates(l, a); });
+        if (!split.valid() || !worthSplitting(split, box, n)) {
+            int* tris = lists_[0].as<int>();
+            const AxisLists& x = l.axis[0];
+            std::memcpy(tris, listTri_ + x.starts, x.ns * sizeof(int));
+            std::memcpy(tris + x.ns, listTri_ + x.flats, x.nf * sizeof(int));
+            return writeLeaf(node, tris, n);
+        }
+
+        // Sort the node's triangles to their sides by the lists of the split axis: starts at
+        // or above the plane go above, ends at or below it below, flats by their position.
+        std::uint8_t* side = lists_[3].as<std::uint8_t>();
+        const AxisLists& sx = l.axis[split.axis];
+        const float* sPos = listPos_ + sx.starts;
+        const int* sTri = listTri_ + sx.starts;
+        std::size_t firstAbove = 0;
+        while (firstAbove < sx.ns && !(sPos[firstAbove] >= split.pos)) ++firstAbove;
+        for (std::size_t i = 0; i < firstAbove; ++i) side[sTri[i]] = kBoth;
+        for (std::size_t i = firstAbove; i < sx.ns; ++i) side[sTri[i]] = kAbove;
+        std::size_t endsBelow = 0;
+        for (; endsBelow < sx.ns && listPos_[sx.ends + endsBelow] <= split.pos; ++endsBelow)
+            side[listTri_[sx.ends + endsBelow]] = kBelow;
+        std::size_t flatBelow[3] = {}, flatAbove[3] = {};
+        for (std::size_t i = 0; i < sx.nf; ++i) {
+            const float p = listPos_[sx.flats + i];
+            const bool below = p < split.pos || (p == split.pos && split.flatsLow);
+            side[listTri_[sx.flats + i]] = below ? kBelow : kAbove;
+            ++(below ? flatBelow : flatAbove)[split.axis];
+        }
+        const std::size_t straddling = sx.ns - endsBelow - (sx.ns - firstAbove);
+        const std::size_t nBelow = endsBelow + flatBelow[split.axis];
+        const std::size_t nAbove = sx.ns - firstAbove + flatAbove[split.axis];
+        for (int a = 0; a < 3; ++a) {
+            if (a == split.axis) continue;
+            const AxisLists& x = l.axis[a];
+            for (std::size_t i = 0; i < x.nf; ++i) {
+                const std::uint8_t s = side[listTri_[x.flats + i]];
+                flatBelow[a] += s == kBelow;
+                flatAbove[a] += s == kAbove;
+            }
+        }
+
+        // Room for both children, each list counted with every straddler, and the scratch
+        // of the straddlers' own lists at the far end; without it the subtree sorts per node.
+        constexpr std::size_t kScratchRuns = 2 * 3 * 3 + 1;  // per child, axis and list; spare
+        const std::size_t scratch = kScratchRuns * straddling;
+        const std::size_t roomNeeded =
+            9 * (nBelow + straddling + 1) + 9 * (nAbove + straddling + 1) + scratch;
+        if (roomNeeded > listCap_ - listTop_) {
+            listsToRefs(l);
+            return buildNode(node, 0, n, box, depth);
+        }
+
+        const std::size_t pair = writeInner(node, split);
+        if (pair == 0) return false;
+        const std::size_t savedTop = refTop_;
+        if (!refs_.reserve(refTop_ + straddling)) return false;
+
+        // Clip the straddlers to both child boxes and sort their lists.
+        Box child[2] = {box, box};
+        child[0].hi[split.axis] = split.pos;
+        child[1].lo[split.axis] = split.pos;
+        const std::size_t scratchAt = listCap_ - scratch;
+        auto runAt = [&](int c, int a, int k) {
+            return scratchAt + std::size_t((c * 3 + a) * 3 + k) * straddling;
+        };
+        std::size_t strCount[2][3][3] = {};  // per child and axis: starts, ends, flats
+        for (std::size_t i = 0; i < firstAbove; ++i) {
+            const int t = sTri[i];
+            if (side[t] != kBoth) continue;
+            double corner[3][3];
+            loadCorners(vertices_, triangles_, t, corner);
+            for (int c = 0; c < 2; ++c) {
+                float lo[3], hi[3];
+                if (!clipTriangle(corner, child[c], lo, hi)) continue;
+                for (int a = 0; a < 3; ++a) {
+                    std::size_t* count = strCount[c][a];
+                    if (lo[a] < hi[a]) {
+                        listPos_[runAt(c, a, 0) + count[0]] = lo[a];
+                        listTri_[runAt(c, a, 0) + count[0]++] = t;
+                        listPos_[runAt(c, a, 1) + count[1]] = hi[a];
+                        listTri_[runAt(c, a, 1) + count[1]++] = t;
+                    } else {
+                        listPos_[runAt(c, a, 2) + count[2]] = lo[a];
+                        listTri_[runAt(c, a, 2) + count[2]++] = t;
+                    }
+                }
+            }
+        }
+        const std::size_t spareAt = runAt(2, 0, 0);
+        for (int c = 0; c < 2; ++c)
+            for (int a = 0; a < 3; ++a)
+                for (int k = 0; k < 3; ++k) sortRun(runAt(c, a, k), strCount[c][a][k], spareAt);
+
+        // Lay out the children and hand each parent run to them, then merge in the straddlers.
+        const std::size_t entryTop = listTop_;
+        NodeLists kids[2];
+        for (int c = 0; c < 2; ++c) {
+            const std::size_t own = c == 0 ? nBelow : nAbove;
+            const std::size_t* ownFlat = c == 0 ? flatBelow : flatAbove;
+            std::size_t ns[3], nf[3];
+            for (int a = 0; a < 3; ++a) {
+                ns[a] = own - ownFlat[a] + strCount[c][a][0];
+                nf[a] = ownFlat[a] + strCount[c][a][2];
+            }
+            kids[c] = placeLists(ns, nf);
+        }
+        for (int a = 0; a < 3; ++a) {
+            const AxisLists& x = l.axis[a];
+            const AxisLists& lo = kids[0].axis[a];
+            const AxisLists& hi = kids[1].axis[a];
+            const std::size_t* sl = strCount[0][a];
+            const std::size_t* sh = strCount[1][a];
+            splitRun(x.starts, x.ns, side, lo.starts + sl[0], hi.starts + sh[0]);
+            splitRun(x.ends, x.ns, side, lo.ends + sl[1], hi.ends + sh[1]);
+            splitRun(x.flats, x.nf, side, lo.flats + sl[2], hi.flats + sh[2]);
+            mergeRun(lo.starts, sl[0], lo.ns - sl[0], runAt(0, a, 0));
+            mergeRun(lo.ends, sl[1], lo.ns - sl[1], runAt(0, a, 1));
+            mergeRun(lo.flats, sl[2], lo.nf - sl[2], runAt(0, a, 2));
+            mergeRun(hi.starts, sh[0], hi.ns - sh[0], runAt(1, a, 0));
+            mergeRun(hi.ends, sh[1], hi.ns - sh[1], runAt(1, a, 1));
+            mergeRun(hi.flats, sh[2], hi.nf - sh[2], runAt(1, a, 2));
+        }
+
+        const std::size_t childTop = listTop_;
+        refTop_ += straddling;
+        if (!buildFromLists(pair, kids[0], child[0], depth + 1)) return false;
+        listTop_ = childTop;
+        refTop_ = savedTop;
+        const bool built = buildFromLists(pair + 1, kids[1], child[1], depth + 1);
+        listTop_ = entryTop;
+        return built;
+    }
+
+    // Writes the leaf of the n triangles in `tris` (which it sorts).
+    bool writeLeaf(std::size_t node, int* tris, std::size_t n) noexcept
+    {
         std::sort(tris, tris + n);
 
         KDTreeNode compact;
@@ -656,6 +1078,11 @@ class SahBuilder {
     ChunkedArray<KDTreeNode> nodes_;  // nodes and leaf lists, in final order
     std::size_t refTop_ = 0;
     std::size_t nodeCount_ = 0;
+    ChargedBlock listArena_;  // the sorted lists: all positions, then all triangle numbers
+    float* listPos_ = nullptr;
+    int* listTri_ = nullptr;
+    std::size_t listCap_ = 0;
+    std::size_t listTop_ = 0;
 };
 
 }  // namespace
