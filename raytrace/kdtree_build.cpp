@@ -60,6 +60,20 @@ struct Split {
 // ---------------------------------------------------------------------------------------
 // Geometry helpers
 
+// The float next to x towards +inf (dir = 1) or -inf (dir = -1), as std::nextafter gives it
+// for a number, without the library call.
+inline float nextFloat(float x, int dir)
+{
+    std::int32_t bits;
+    std::memcpy(&bits, &x, 4);
+    if (x == 0.0f)
+        bits = dir > 0 ? 1 : std::int32_t(0x80000001u);
+    else
+        bits += (x > 0.0f) == (dir > 0) ? 1 : -1;
+    std::memcpy(&x, &bits, 4);
+    return x;
+}
+
 // Bounds of the triangle clipped to `box`, computed in double and rounded outward to float.
 // False when nothing of the triangle lies inside the box.
 bool clipTriangle(const double corner[3][3], const Box& box, float lo[3], float hi[3])
@@ -104,8 +118,8 @@ bool clipTriangle(const double corner[3][3], const Box& box, float lo[3], float 
             h = std::max(h, p[i][k]);
         }
         float fl = static_cast<float>(l), fh = static_cast<float>(h);
-        if (fl > l) fl = std::nextafter(fl, -INFINITY);
-        if (fh < h) fh = std::nextafter(fh, INFINITY);
+        if (fl > l) fl = nextFloat(fl, -1);
+        if (fh < h) fh = nextFloat(fh, 1);
         lo[k] = std::max(fl, box.lo[k]);
         hi[k] = std::min(fh, box.hi[k]);
         if (lo[k] > hi[k]) return false;
@@ -750,8 +764,8 @@ class SahBuilder {
     // Sorts the run of n entries at `at`, using the n entries at `spareAt` as scratch.
     void sortRun(std::size_t at, std::size_t n, std::size_t spareAt) noexcept
     {
-        if (!sortByKey<true>(listPos_ + at, listTri_ + at, listPos_ + spareAt, listTri_ + spareAt,
-                             n))
+        if (n < 2 || !sortByKey<true>(listPos_ + at, listTri_ + at, listPos_ + spareAt,
+                                      listTri_ + spareAt, n))
             return;
         std::memcpy(listPos_ + at, listPos_ + spareAt, n * sizeof(float));
         std::memcpy(listTri_ + at, listTri_ + spareAt, n * sizeof(int));
