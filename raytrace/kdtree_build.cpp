@@ -321,8 +321,8 @@ class CheapestPlane {
     void consider(double cost, float pos, bool flatsLow, std::size_t nl, std::size_t nr) noexcept
     {
         // A plane that leaves one child with everything and the whole box is no split.
-        if ((nl == ax_.n && pos >= ax_.hi) || (nr == ax_.n && pos <= ax_.lo)) return;
         if (!(cost < cost_)) return;
+        if ((nl == ax_.n && pos >= ax_.hi) || (nr == ax_.n && pos <= ax_.lo)) return;
         cost_ = cost;
         out_.pos = pos;
         out_.flatsLow = flatsLow;
@@ -360,33 +360,55 @@ void considerFlatsOnFaces(const AxisFrame& ax, const Candidates& c, CheapestPlan
 }
 
 // Sweeps every distinct bound of the sorted lists in ascending order and costs the plane
-// there, with the flat triangles at it above and then below; +inf ends each list.
-void sweepPlanes(const AxisFrame& ax, const Candidates& c, CheapestPlane& cheapest)
+// there, with the flat triangles at it above and then below; +inf ends each list. Without
+// flats (kFlats false) their list is all end marker and drops out of every step. Only a cost
+// below the best so far, kept at hand, goes on to `cheapest`, which has the last word.
+template <bool kFlats>
+void sweepRuns(const AxisFrame& ax, const Candidates& c, CheapestPlane& cheapest)
 {
     const double lo = ax.lo, hi = ax.hi, h = ax.h;
     const std::size_t n = ax.n;
-    float* sortedStarts = c.starts;
-    float* sortedEnds = c.ends;
-    float* sortedFlats = c.flats;
-    sortedStarts[c.ns] = INFINITY;
-    sortedEnds[c.ns] = INFINITY;
-    sortedFlats[c.nflat] = INFINITY;
+    const float* sortedStarts = c.starts;
+    const float* sortedEnds = c.ends;
+    const float* sortedFlats = c.flats;
+    double best = cheapest.cost();
     std::size_t is = 0, ie = 0, iflat = 0;
     for (;;) {
-        const float p = std::min(std::min(sortedStarts[is], sortedEnds[ie]), sortedFlats[iflat]);
+        float p = std::min(sortedStarts[is], sortedEnds[ie]);
+        if constexpr (kFlats) p = std::min(p, sortedFlats[iflat]);
         if (p == INFINITY) break;
         while (sortedEnds[ie] <= p) ++ie;
         std::size_t m = 0;
-        while (sortedFlats[iflat + m] == p) ++m;
+        if constexpr (kFlats)
+            while (sortedFlats[iflat + m] == p) ++m;
         const std::size_t nl = is + iflat, nr = n - ie - iflat;
         const double l = (double(p) - lo) + h, r = (hi - double(p)) + h;
-        cheapest.consider(double(float(nl)) * l + double(float(nr)) * r, p, false, nl, nr);
-        if (m > 0)
-            cheapest.consider(double(float(nl + m)) * l + double(float(nr - m)) * r, p, true,
-                              nl + m, nr - m);
+        const double cost = double(float(nl)) * l + double(float(nr)) * r;
+        if (cost < best) {
+            cheapest.consider(cost, p, false, nl, nr);
+            best = cheapest.cost();
+        }
+        if (kFlats && m > 0) {
+            const double flatsLowCost = double(float(nl + m)) * l + double(float(nr - m)) * r;
+            if (flatsLowCost < best) {
+                cheapest.consider(flatsLowCost, p, true, nl + m, nr - m);
+                best = cheapest.cost();
+            }
+        }
         while (sortedStarts[is] <= p) ++is;
         iflat += m;
     }
+}
+
+void sweepPlanes(const AxisFrame& ax, const Candidates& c, CheapestPlane& cheapest)
+{
+    c.starts[c.ns] = INFINITY;
+    c.ends[c.ns] = INFINITY;
+    c.flats[c.nflat] = INFINITY;
+    if (c.nflat > 0)
+        sweepRuns<true>(ax, c, cheapest);
+    else
+        sweepRuns<false>(ax, c, cheapest);
 }
 
 // ---------------------------------------------------------------------------------------
