@@ -19,7 +19,8 @@ constexpr double kFacePreference = 0.699999988079071;   // discount for empty or
 constexpr double kEmptyFraction = 0.1;  // empty space worth cutting, as a share of the extent
 constexpr double kTinyFaceArea = 1e-9;  // below this the side-face term h is 0
 constexpr double kNoCost = 1.7976931348623157e308;
-constexpr std::size_t kBulkSortAbove = 320;  // longer candidate lists use the radix sort
+constexpr std::size_t kBulkSortAbove = 320;    // longer candidate lists use the radix sort
+constexpr std::size_t kInsertionSortMax = 16;  // and lists this short an insertion sort
 // The list arena asked for, in multiples of the root's lists: on the benchmark scenes the
 // stack of pending children with a node's scratch peaks at 3.1 to 4.1.
 constexpr std::size_t kListArenaRoots = 6;
@@ -87,15 +88,18 @@ bool clipTriangle(const double corner[3][3], const Box& box, float lo[3], float 
             const double plane = side == 0 ? box.lo[axis] : box.hi[axis];
             const double sign = side == 0 ? 1.0 : -1.0;  // inside: sign * (x - plane) >= 0
             const double(*in)[3] = poly[cur];
+            // The same test as sign * (x - plane) >= 0 below, without the multiply.
             bool allInside = true;
-            for (int i = 0; i < count; ++i)
-                allInside = allInside && sign * (in[i][axis] - plane) >= 0;
+            for (int i = 0; i < count; ++i) {
+                const double d = in[i][axis] - plane;
+                allInside = allInside && (side == 0 ? d >= 0 : d <= 0);
+            }
             if (allInside) continue;  // most planes cut nothing
             double(*out)[3] = poly[cur ^ 1];
             int n = 0;
             for (int i = 0; i < count; ++i) {
                 const double* a = in[i];
-                const double* b = in[(i + 1) % count];
+                const double* b = in[i + 1 < count ? i + 1 : 0];
                 const double da = sign * (a[axis] - plane), db = sign * (b[axis] - plane);
                 if (da >= 0) std::memcpy(out[n++], a, sizeof(double) * 3);
                 if ((da >= 0) != (db >= 0)) {
@@ -173,6 +177,8 @@ inline bool keyBelow(float a, float b)
     return a < b || (a == b && std::signbit(a) && !std::signbit(b));
 }
 
+constexpr std::uint32_t kLastKey = 0xFFFFFFFFu;  // a NaN's key, after every number's
+
 constexpr int kRadixBits = 11;  // three passes cover a 32-bit key
 constexpr int kRadixPasses = 3;
 constexpr std::uint32_t kRadixDigits = 1u << kRadixBits;
@@ -187,6 +193,22 @@ constexpr std::uint32_t kRadixDigits = 1u << kRadixBits;
 template <bool kCarry>
 bool sortByKey(float* pos, int* tri, float* sparePos, int* spareTri, std::size_t n)
 {
+    if (n <= kInsertionSortMax) {
+        for (std::size_t i = 1; i < n; ++i) {
+            const float p = pos[i];
+            const std::uint32_t key = sortKey(p);
+            int t = 0;
+            if constexpr (kCarry) t = tri[i];
+            std::size_t j = i;
+            for (; j > 0 && sortKey(pos[j - 1]) > key; --j) {
+                pos[j] = pos[j - 1];
+                if constexpr (kCarry) tri[j] = tri[j - 1];
+            }
+            pos[j] = p;
+            if constexpr (kCarry) tri[j] = t;
+        }
+        return false;
+    }
     if (n <= kBulkSortAbove) {
         std::uint64_t packed[kBulkSortAbove];
         for (std::size_t i = 0; i < n; ++i)
@@ -761,7 +783,9 @@ class SahBuilder {
         AxisLists axis[3];
         std::size_t count() const noexcept { return axis[0].ns + axis[0].nf; }
     };
-    enum Side : std::uint8_t { kBelow, kAbove, kBoth };
+    // A triangle's side of the split, one bit per child that takes its entries as they are;
+    // a straddler's go to neither, its re-clipped ones are merged in.
+    enum Side : std::uint8_t { kBoth = 0, kBelow = 1, kAbove = 2 };
     enum class ListArena { kOpen, kNone, kHeapFailed };
 
     // Arena entries a node with these list lengths takes.
@@ -877,8 +901,8 @@ class SahBuilder {
             lowTri[nl] = t;
             highPos[nh] = p;
             highTri[nh] = t;
-            nl += s == kBelow;
-            nh += s == kAbove;
+            nl += s & kBelow;
+            nh += s >> 1;
         }
     }
 
@@ -886,20 +910,22 @@ class SahBuilder {
     // are free and whose own sorted entries follow them.
     void mergeRun(std::size_t to, std::size_t nStr, std::size_t nOwn, std::size_t str) noexcept
     {
+        if (nStr == 0) return;
         float* pos = listPos_ + to;
         int* tri = listTri_ + to;
         const float* strPos = listPos_ + str;
         const int* strTri = listTri_ + str;
-        const std::size_t end = nStr + nOwn;
-        std::size_t i = 0, j = nStr, k = 0;
-        while (i < nStr) {
-            if (j < end && sortKey(pos[j]) < sortKey(strPos[i])) {
+        // The run's spare slot stops the scan of its own entries; the sweep resets it.
+        pos[nStr + nOwn] = keyValue(kLastKey);
+        std::size_t j = nStr, k = 0;
+        for (std::size_t i = 0; i < nStr; ++i) {
+            const std::uint32_t key = sortKey(strPos[i]);
+            for (; sortKey(pos[j]) < key; ++j, ++k) {
                 pos[k] = pos[j];
-                tri[k++] = tri[j++];
-            } else {
-                pos[k] = strPos[i];
-                tri[k++] = strTri[i++];
+                tri[k] = tri[j];
             }
+            pos[k] = strPos[i];
+            tri[k++] = strTri[i];
         }
     }
 
@@ -979,8 +1005,8 @@ class SahBuilder {
             const AxisLists& x = l.axis[a];
             for (std::size_t i = 0; i < x.nf; ++i) {
                 const std::uint8_t s = side[listTri_[x.flats + i]];
-                flatBelow[a] += s == kBelow;
-                flatAbove[a] += s == kAbove;
+                flatBelow[a] += s & kBelow;
+                flatAbove[a] += s >> 1;
             }
         }
 
