@@ -475,6 +475,13 @@ class SahBuilder {
         // A quality that is not a number builds as the best quality.
         const double quality = std::isnan(params.quality) ? 1.0 : double(params.quality);
         qualityFactor_ = 10.0 - 9.0 * quality;
+        // The split rule asks recorded + kTraversalShare * C / n < S with C >= S qf k and a
+        // recorded cost that is never negative, so a node of n <= kTraversalShare qf k
+        // references stays a leaf whatever its planes cost: it need not search them. The
+        // margin keeps rounding in the rule's own arithmetic on the leaf's side.
+        constexpr double kRoundingMargin = 1.0 + 1e-9;
+        searchAbove_ = static_cast<std::size_t>(kTraversalShare * qualityFactor_ * kThresholdScale /
+                                                kRoundingMargin);
     }
 
     vlkStatus run(KDTreeNode** tree, int* treeSize) noexcept
@@ -722,7 +729,7 @@ class SahBuilder {
             return true;
         }
         Split split;
-        if (depth < params_.depth)
+        if (depth < params_.depth && n > searchAbove_)
             for (int axis = 0; axis < 3; ++axis)
                 findSplitOnAxis(axis, box, n, split,
                                 [&](int a) { return gatherCandidates(a, begin, end); });
@@ -966,7 +973,7 @@ class SahBuilder {
             return true;
         }
         Split split;
-        if (depth < params_.depth)
+        if (depth < params_.depth && n > searchAbove_)
             for (int axis = 0; axis < 3; ++axis)
                 findSplitOnAxis(axis, box, n, split, [&](int a) { return listCandidates(l, a); });
         if (!split.valid() || !worthSplitting(split, box, n)) {
@@ -1136,6 +1143,7 @@ class SahBuilder {
     int triangleCount_;
     const KDTreeBuildContext& params_;
     double qualityFactor_;
+    std::size_t searchAbove_;  // nodes of this many references or fewer are always leaves
     BuildBudget budget_;
     ChargedBlock lists_[4];  // candidate starts, ends, flats, and the radix sort's spare
     ChunkedArray<Ref> refs_;
