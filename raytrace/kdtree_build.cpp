@@ -5,6 +5,7 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <type_traits>
 #include <utility>
 
 #include "build_memory.h"
@@ -179,16 +180,56 @@ inline bool keyBelow(float a, float b)
 
 constexpr std::uint32_t kLastKey = 0xFFFFFFFFu;  // a NaN's key, after every number's
 
-constexpr int kRadixBits = 11;  // three passes cover a 32-bit key
-constexpr int kRadixPasses = 3;
-constexpr std::uint32_t kRadixDigits = 1u << kRadixBits;
+// The radix sort takes 8-bit digits, or 11-bit ones for lists this long, where three passes
+// over the list save more than the larger histograms cost.
+constexpr std::size_t kWideDigitsAbove = 1u << 16;
+
+// Byte-wise or 11-bit-wise LSD radix sort by key; returns true when the result ended up in the
+// spare buffers. A digit that is the same in every key, as most are in the small boxes deep
+// in the tree, needs no pass.
+template <int kBits, bool kCarry>
+bool radixByKey(float* pos, int* tri, float* sparePos, int* spareTri, std::size_t n)
+{
+    constexpr int kPasses = (32 + kBits - 1) / kBits;
+    constexpr std::uint32_t kDigits = 1u << kBits;
+    std::uint32_t hist[kPasses][kDigits] = {};
+    for (std::size_t i = 0; i < n; ++i) {
+        const std::uint32_t k = sortKey(pos[i]);
+        for (int pass = 0; pass < kPasses; ++pass)
+            ++hist[pass][(k >> (kBits * pass)) & (kDigits - 1)];
+    }
+    float* srcPos = pos;
+    float* dstPos = sparePos;
+    int* srcTri = tri;
+    int* dstTri = spareTri;
+    bool inSpare = false;
+    for (int pass = 0; pass < kPasses; ++pass) {
+        std::uint32_t* h = hist[pass];
+        const int shift = kBits * pass;
+        if (h[(sortKey(srcPos[0]) >> shift) & (kDigits - 1)] == n) continue;
+        std::uint32_t sum = 0;
+        for (std::uint32_t d = 0; d < kDigits; ++d) {
+            const std::uint32_t count = h[d];
+            h[d] = sum;
+            sum += count;
+        }
+        for (std::size_t i = 0; i < n; ++i) {
+            const std::uint32_t at = h[(sortKey(srcPos[i]) >> shift) & (kDigits - 1)]++;
+            dstPos[at] = srcPos[i];
+            if constexpr (kCarry) dstTri[at] = srcTri[i];
+        }
+        std::swap(srcPos, dstPos);
+        std::swap(srcTri, dstTri);
+        inSpare = !inSpare;
+    }
+    return inSpare;
+}
 
 /*
  * Sorts n positions ascending by their keys, carrying the triangle number of each along when
  * kCarry is set. Both methods give the key order, -0 before +0, whatever order the positions
- * came in. Returns true when the result ended up in the spare buffers instead of in place:
- * the radix sort that long lists take runs an odd number of passes when a digit that is the
- * same in every key, as most are in the small boxes deep in the tree, needs no pass.
+ * came in. Returns true when the result ended up in the spare buffers instead of in place,
+ * which only the radix sort that long lists take does.
  */
 template <bool kCarry>
 bool sortByKey(float* pos, int* tri, float* sparePos, int* spareTri, std::size_t n)
@@ -210,48 +251,23 @@ bool sortByKey(float* pos, int* tri, float* sparePos, int* spareTri, std::size_t
         return false;
     }
     if (n <= kBulkSortAbove) {
-        std::uint64_t packed[kBulkSortAbove];
-        for (std::size_t i = 0; i < n; ++i)
-            packed[i] = std::uint64_t(sortKey(pos[i])) << 32 |
-                        (kCarry ? static_cast<std::uint32_t>(tri[i]) : 0u);
+        // Sort the keys, with the triangle numbers in their low halves when they come along.
+        using Packed = std::conditional_t<kCarry, std::uint64_t, std::uint32_t>;
+        constexpr int kShift = kCarry ? 32 : 0;
+        Packed packed[kBulkSortAbove];
+        for (std::size_t i = 0; i < n; ++i) {
+            packed[i] = Packed(sortKey(pos[i])) << kShift;
+            if constexpr (kCarry) packed[i] |= static_cast<std::uint32_t>(tri[i]);
+        }
         std::sort(packed, packed + n);
         for (std::size_t i = 0; i < n; ++i) {
-            pos[i] = keyValue(static_cast<std::uint32_t>(packed[i] >> 32));
+            pos[i] = keyValue(static_cast<std::uint32_t>(packed[i] >> kShift));
             if constexpr (kCarry) tri[i] = static_cast<int>(static_cast<std::uint32_t>(packed[i]));
         }
         return false;
     }
-    std::uint32_t hist[kRadixPasses][kRadixDigits] = {};
-    for (std::size_t i = 0; i < n; ++i) {
-        const std::uint32_t k = sortKey(pos[i]);
-        for (int pass = 0; pass < kRadixPasses; ++pass)
-            ++hist[pass][(k >> (kRadixBits * pass)) & (kRadixDigits - 1)];
-    }
-    float* srcPos = pos;
-    float* dstPos = sparePos;
-    int* srcTri = tri;
-    int* dstTri = spareTri;
-    bool inSpare = false;
-    for (int pass = 0; pass < kRadixPasses; ++pass) {
-        std::uint32_t* h = hist[pass];
-        const int shift = kRadixBits * pass;
-        if (h[(sortKey(srcPos[0]) >> shift) & (kRadixDigits - 1)] == n) continue;
-        std::uint32_t sum = 0;
-        for (std::uint32_t d = 0; d < kRadixDigits; ++d) {
-            const std::uint32_t count = h[d];
-            h[d] = sum;
-            sum += count;
-        }
-        for (std::size_t i = 0; i < n; ++i) {
-            const std::uint32_t at = h[(sortKey(srcPos[i]) >> shift) & (kRadixDigits - 1)]++;
-            dstPos[at] = srcPos[i];
-            if constexpr (kCarry) dstTri[at] = srcTri[i];
-        }
-        std::swap(srcPos, dstPos);
-        std::swap(srcTri, dstTri);
-        inSpare = !inSpare;
-    }
-    return inSpare;
+    return n > kWideDigitsAbove ? radixByKey<11, kCarry>(pos, tri, sparePos, spareTri, n)
+                                : radixByKey<8, kCarry>(pos, tri, sparePos, spareTri, n);
 }
 
 // ---------------------------------------------------------------------------------------
