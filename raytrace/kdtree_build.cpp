@@ -929,6 +929,12 @@ class SahBuilder {
         }
     }
 
+    void copyRun(std::size_t from, std::size_t n, std::size_t to) noexcept
+    {
+        std::memcpy(listPos_ + to, listPos_ + from, n * sizeof(float));
+        std::memcpy(listTri_ + to, listTri_ + from, n * sizeof(int));
+    }
+
     // Merges the nStr sorted entries at `str` into the run at `to`, whose first nStr slots
     // are free and whose own sorted entries follow them.
     void mergeRun(std::size_t to, std::size_t nStr, std::size_t nOwn, std::size_t str) noexcept
@@ -1106,9 +1112,23 @@ class SahBuilder {
             const AxisLists& hi = kids[1].axis[a];
             const std::size_t* sl = strCount[0][a];
             const std::size_t* sh = strCount[1][a];
-            splitRun(x.starts, x.ns, side, lo.starts + sl[0], hi.starts + sh[0]);
-            splitRun(x.ends, x.ns, side, lo.ends + sl[1], hi.ends + sh[1]);
-            splitRun(x.flats, x.nf, side, lo.flats + sl[2], hi.flats + sh[2]);
+            if (a == split.axis) {
+                // On the split axis the sides are ranges: starts at or above the plane, ends
+                // at or below it and the flats on each side need only be copied. The prefix
+                // pass writes nothing above but its spare entry, which the copy then covers.
+                const std::size_t above = x.ns - firstAbove, flatsBelow = flatBelow[a];
+                splitRun(x.starts, firstAbove, side, lo.starts + sl[0], hi.starts + sh[0]);
+                copyRun(x.starts + firstAbove, above, hi.starts + sh[0]);
+                copyRun(x.ends, endsBelow, lo.ends + sl[1]);
+                splitRun(x.ends + endsBelow, x.ns - endsBelow, side, lo.ends + sl[1] + endsBelow,
+                         hi.ends + sh[1]);
+                copyRun(x.flats, flatsBelow, lo.flats + sl[2]);
+                copyRun(x.flats + flatsBelow, x.nf - flatsBelow, hi.flats + sh[2]);
+            } else {
+                splitRun(x.starts, x.ns, side, lo.starts + sl[0], hi.starts + sh[0]);
+                splitRun(x.ends, x.ns, side, lo.ends + sl[1], hi.ends + sh[1]);
+                splitRun(x.flats, x.nf, side, lo.flats + sl[2], hi.flats + sh[2]);
+            }
             mergeRun(lo.starts, sl[0], lo.ns - sl[0], runAt(0, a, 0));
             mergeRun(lo.ends, sl[1], lo.ns - sl[1], runAt(0, a, 1));
             mergeRun(lo.flats, sl[2], lo.nf - sl[2], runAt(0, a, 2));
