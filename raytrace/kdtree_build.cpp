@@ -491,13 +491,6 @@ class SahBuilder {
         // A quality that is not a number builds as the best quality.
         const double quality = std::isnan(params.quality) ? 1.0 : double(params.quality);
         qualityFactor_ = 10.0 - 9.0 * quality;
-        // The split rule asks recorded + kTraversalShare * C / n < S with C >= S qf k and a
-        // recorded cost that is never negative, so a node of n <= kTraversalShare qf k
-        // references stays a leaf whatever its planes cost: it need not search them. The
-        // margin keeps rounding in the rule's own arithmetic on the leaf's side.
-        constexpr double kRoundingMargin = 1.0 + 1e-9;
-        searchAbove_ = static_cast<std::size_t>(kTraversalShare * qualityFactor_ * kThresholdScale /
-                                                kRoundingMargin);
     }
 
     vlkStatus run(KDTreeNode** tree, int* treeSize) noexcept
@@ -508,6 +501,15 @@ class SahBuilder {
         std::size_t refCount = gatherRefs(root, finite);
         refTop_ = refCount;
         nodeCount_ = 1;
+        // The split rule asks recorded + kTraversalShare * C / n < S with C >= S qf k. With
+        // finite input every bound lies in its node's box, so no plane costs less than
+        // nothing, and a node of n <= kTraversalShare qf k references stays a leaf whatever
+        // its planes cost: it need not search them. The margin keeps rounding in the rule's
+        // own arithmetic on the leaf's side.
+        constexpr double kRoundingMargin = 1.0 + 1e-9;
+        if (finite)
+            searchAbove_ = static_cast<std::size_t>(kTraversalShare * qualityFactor_ *
+                                                    kThresholdScale / kRoundingMargin);
         bool built = false;
         NodeLists rootLists;
         const ListArena arena = finite ? openListArena(refCount, rootLists) : ListArena::kNone;
@@ -1179,7 +1181,7 @@ class SahBuilder {
     int triangleCount_;
     const KDTreeBuildContext& params_;
     double qualityFactor_;
-    std::size_t searchAbove_;  // nodes of this many references or fewer are always leaves
+    std::size_t searchAbove_ = 0;  // nodes of this many references or fewer are always leaves
     BuildBudget budget_;
     ChargedBlock lists_[4];  // candidate starts, ends, flats, and the radix sort's spare
     ChunkedArray<Ref> refs_;
