@@ -50,6 +50,20 @@ struct Box {
     float hi[3];
 };
 
+// One entry of the sorted candidate lists: a position with the triangle it bounds, side by
+// side so that handing entries on moves one 8-byte record.
+struct Event {
+    float pos;
+    int tri;
+};
+
+// Candidate runs hold bare positions (sorted per node) or events (kept sorted); these read
+// and write the position of either.
+inline float posOf(float p) { return p; }
+inline float posOf(const Event& e) { return e.pos; }
+inline void setPos(float& p, float v) { p = v; }
+inline void setPos(Event& e, float v) { e.pos = v; }
+
 // The cheapest plane found on one axis, or over all axes.
 struct Split {
     double recorded = kNoCost;  // (a + b) times the cost: the surface-area cost of the split
@@ -185,89 +199,78 @@ constexpr std::uint32_t kLastKey = 0xFFFFFFFFu;  // a NaN's key, after every num
 constexpr std::size_t kWideDigitsAbove = 1u << 16;
 
 // Byte-wise or 11-bit-wise LSD radix sort by key; returns true when the result ended up in the
-// spare buffers. A digit that is the same in every key, as most are in the small boxes deep
-// in the tree, needs no pass.
-template <int kBits, bool kCarry>
-bool radixByKey(float* pos, int* tri, float* sparePos, int* spareTri, std::size_t n)
+// spare buffer. A digit that is the same in every key, as most are in the small boxes deep in
+// the tree, needs no pass.
+template <int kBits, class Elem>
+bool radixByKey(Elem* list, Elem* spare, std::size_t n)
 {
     constexpr int kPasses = (32 + kBits - 1) / kBits;
     constexpr std::uint32_t kDigits = 1u << kBits;
     std::uint32_t hist[kPasses][kDigits] = {};
     for (std::size_t i = 0; i < n; ++i) {
-        const std::uint32_t k = sortKey(pos[i]);
+        const std::uint32_t k = sortKey(posOf(list[i]));
         for (int pass = 0; pass < kPasses; ++pass)
             ++hist[pass][(k >> (kBits * pass)) & (kDigits - 1)];
     }
-    float* srcPos = pos;
-    float* dstPos = sparePos;
-    int* srcTri = tri;
-    int* dstTri = spareTri;
+    Elem* src = list;
+    Elem* dst = spare;
     bool inSpare = false;
     for (int pass = 0; pass < kPasses; ++pass) {
         std::uint32_t* h = hist[pass];
         const int shift = kBits * pass;
-        if (h[(sortKey(srcPos[0]) >> shift) & (kDigits - 1)] == n) continue;
+        if (h[(sortKey(posOf(src[0])) >> shift) & (kDigits - 1)] == n) continue;
         std::uint32_t sum = 0;
         for (std::uint32_t d = 0; d < kDigits; ++d) {
             const std::uint32_t count = h[d];
             h[d] = sum;
             sum += count;
         }
-        for (std::size_t i = 0; i < n; ++i) {
-            const std::uint32_t at = h[(sortKey(srcPos[i]) >> shift) & (kDigits - 1)]++;
-            dstPos[at] = srcPos[i];
-            if constexpr (kCarry) dstTri[at] = srcTri[i];
-        }
-        std::swap(srcPos, dstPos);
-        std::swap(srcTri, dstTri);
+        for (std::size_t i = 0; i < n; ++i)
+            dst[h[(sortKey(posOf(src[i])) >> shift) & (kDigits - 1)]++] = src[i];
+        std::swap(src, dst);
         inSpare = !inSpare;
     }
     return inSpare;
 }
 
 /*
- * Sorts n positions ascending by their keys, carrying the triangle number of each along when
- * kCarry is set. Both methods give the key order, -0 before +0, whatever order the positions
- * came in. Returns true when the result ended up in the spare buffers instead of in place,
- * which only the radix sort that long lists take does.
+ * Sorts n positions, or events by their positions, ascending by key. Both methods give the
+ * key order, -0 before +0, whatever order the entries came in. Returns true when the result
+ * ended up in the spare buffer instead of in place, which only the radix sort that long lists
+ * take does.
  */
-template <bool kCarry>
-bool sortByKey(float* pos, int* tri, float* sparePos, int* spareTri, std::size_t n)
+template <class Elem>
+bool sortByKey(Elem* list, Elem* spare, std::size_t n)
 {
     if (n <= kInsertionSortMax) {
         for (std::size_t i = 1; i < n; ++i) {
-            const float p = pos[i];
-            const std::uint32_t key = sortKey(p);
-            int t = 0;
-            if constexpr (kCarry) t = tri[i];
+            const Elem e = list[i];
+            const std::uint32_t key = sortKey(posOf(e));
             std::size_t j = i;
-            for (; j > 0 && sortKey(pos[j - 1]) > key; --j) {
-                pos[j] = pos[j - 1];
-                if constexpr (kCarry) tri[j] = tri[j - 1];
-            }
-            pos[j] = p;
-            if constexpr (kCarry) tri[j] = t;
+            for (; j > 0 && sortKey(posOf(list[j - 1])) > key; --j) list[j] = list[j - 1];
+            list[j] = e;
         }
         return false;
     }
     if (n <= kBulkSortAbove) {
         // Sort the keys, with the triangle numbers in their low halves when they come along.
+        constexpr bool kCarry = std::is_same_v<Elem, Event>;
         using Packed = std::conditional_t<kCarry, std::uint64_t, std::uint32_t>;
         constexpr int kShift = kCarry ? 32 : 0;
         Packed packed[kBulkSortAbove];
         for (std::size_t i = 0; i < n; ++i) {
-            packed[i] = Packed(sortKey(pos[i])) << kShift;
-            if constexpr (kCarry) packed[i] |= static_cast<std::uint32_t>(tri[i]);
+            packed[i] = Packed(sortKey(posOf(list[i]))) << kShift;
+            if constexpr (kCarry) packed[i] |= static_cast<std::uint32_t>(list[i].tri);
         }
         std::sort(packed, packed + n);
         for (std::size_t i = 0; i < n; ++i) {
-            pos[i] = keyValue(static_cast<std::uint32_t>(packed[i] >> kShift));
-            if constexpr (kCarry) tri[i] = static_cast<int>(static_cast<std::uint32_t>(packed[i]));
+            setPos(list[i], keyValue(static_cast<std::uint32_t>(packed[i] >> kShift)));
+            if constexpr (kCarry)
+                list[i].tri = static_cast<int>(static_cast<std::uint32_t>(packed[i]));
         }
         return false;
     }
-    return n > kWideDigitsAbove ? radixByKey<11, kCarry>(pos, tri, sparePos, spareTri, n)
-                                : radixByKey<8, kCarry>(pos, tri, sparePos, spareTri, n);
+    return n > kWideDigitsAbove ? radixByKey<11>(list, spare, n) : radixByKey<8>(list, spare, n);
 }
 
 // ---------------------------------------------------------------------------------------
@@ -302,11 +305,12 @@ bool frameAxis(int axis, const Box& box, std::size_t n, AxisFrame& ax)
 // The candidate planes of one axis: both bounds of every reference with extent on it, the
 // position of every reference flat in it, and the lowest and highest bound of all. Each list
 // has room for one more entry, the sweep's end marker.
+template <class Elem>
 struct Candidates {
-    float* starts;
-    float* ends;
-    float* flats;
-    float* spare;  // the radix sort's second buffer
+    Elem* starts;
+    Elem* ends;
+    Elem* flats;
+    Elem* spare;  // the radix sort's second buffer
     std::size_t ns = 0, nflat = 0;
     float lowest = INFINITY, highest = -INFINITY;
     bool sorted = false;
@@ -321,7 +325,8 @@ struct Candidates {
 // The cost of cutting off the empty space below the lowest or above the highest bound,
 // whichever is cheaper, with the cut's position in `cut`; kNoCost when neither slab is more
 // than a tenth of the node.
-double emptySpaceCost(const AxisFrame& ax, const Candidates& c, Split& cut)
+template <class Elem>
+double emptySpaceCost(const AxisFrame& ax, const Candidates<Elem>& c, Split& cut)
 {
     const double lo = ax.lo, hi = ax.hi, extent = ax.extent, h = ax.h, nf = ax.nf;
     double emptyCost = kNoCost;
@@ -342,12 +347,13 @@ double emptySpaceCost(const AxisFrame& ax, const Candidates& c, Split& cut)
 }
 
 // Sorts the three lists ascending, each sort taking the buffer the one before left free.
-void sortCandidates(Candidates& c)
+template <class Elem>
+void sortCandidates(Candidates<Elem>& c)
 {
-    const std::pair<float**, std::size_t> lists[] = {
+    const std::pair<Elem**, std::size_t> lists[] = {
         {&c.starts, c.ns}, {&c.ends, c.ns}, {&c.flats, c.nflat}};
     for (const auto& [list, n] : lists)
-        if (sortByKey<false>(*list, nullptr, c.spare, nullptr, n)) std::swap(*list, c.spare);
+        if (sortByKey(*list, c.spare, n)) std::swap(*list, c.spare);
 }
 
 // The cheapest plane of one axis so far, by its cost before the (a + b) factor; it writes the
@@ -374,26 +380,27 @@ class CheapestPlane {
 };
 
 // Planes at flat triangles lying on the node's own faces, which take the face discount.
-void considerFlatsOnFaces(const AxisFrame& ax, const Candidates& c, CheapestPlane& cheapest)
+template <class Elem>
+void considerFlatsOnFaces(const AxisFrame& ax, const Candidates<Elem>& c, CheapestPlane& cheapest)
 {
     const double lo = ax.lo, hi = ax.hi, h = ax.h;
     const std::size_t n = ax.n, nflat = c.nflat;
-    const float* sortedFlats = c.flats;
-    if (nflat > 0 && sortedFlats[0] == lo) {
+    const Elem* sortedFlats = c.flats;
+    if (nflat > 0 && posOf(sortedFlats[0]) == lo) {
         std::size_t k = 0;
-        while (k < nflat && sortedFlats[k] == lo) ++k;
-        const double f = sortedFlats[0];
+        while (k < nflat && posOf(sortedFlats[k]) == lo) ++k;
+        const double f = posOf(sortedFlats[0]);
         cheapest.consider(kFacePreference * (((f - lo) + h) * double(float(k)) +
                                              ((hi - f) + h) * double(float(n - k))),
-                          sortedFlats[0], true, k, n - k);
+                          posOf(sortedFlats[0]), true, k, n - k);
     }
-    if (nflat > 0 && sortedFlats[nflat - 1] == hi) {
+    if (nflat > 0 && posOf(sortedFlats[nflat - 1]) == hi) {
         std::size_t k = 0;
-        while (k < nflat && sortedFlats[nflat - 1 - k] == hi) ++k;
-        const double f = sortedFlats[nflat - 1];
+        while (k < nflat && posOf(sortedFlats[nflat - 1 - k]) == hi) ++k;
+        const double f = posOf(sortedFlats[nflat - 1]);
         cheapest.consider(kFacePreference * (((f - lo) + h) * double(float(n - k)) +
                                              ((hi - f) + h) * double(float(k))),
-                          sortedFlats[nflat - 1], false, n - k, k);
+                          posOf(sortedFlats[nflat - 1]), false, n - k, k);
     }
 }
 
@@ -401,24 +408,24 @@ void considerFlatsOnFaces(const AxisFrame& ax, const Candidates& c, CheapestPlan
 // there, with the flat triangles at it above and then below; +inf ends each list. Without
 // flats (kFlats false) their list is all end marker and drops out of every step. Only a cost
 // below the best so far, kept at hand, goes on to `cheapest`, which has the last word.
-template <bool kFlats>
-void sweepRuns(const AxisFrame& ax, const Candidates& c, CheapestPlane& cheapest)
+template <bool kFlats, class Elem>
+void sweepRuns(const AxisFrame& ax, const Candidates<Elem>& c, CheapestPlane& cheapest)
 {
     const double lo = ax.lo, hi = ax.hi, h = ax.h;
     const std::size_t n = ax.n;
-    const float* sortedStarts = c.starts;
-    const float* sortedEnds = c.ends;
-    const float* sortedFlats = c.flats;
+    const Elem* sortedStarts = c.starts;
+    const Elem* sortedEnds = c.ends;
+    const Elem* sortedFlats = c.flats;
     double best = cheapest.cost();
     std::size_t is = 0, ie = 0, iflat = 0;
     for (;;) {
-        float p = std::min(sortedStarts[is], sortedEnds[ie]);
-        if constexpr (kFlats) p = std::min(p, sortedFlats[iflat]);
+        float p = std::min(posOf(sortedStarts[is]), posOf(sortedEnds[ie]));
+        if constexpr (kFlats) p = std::min(p, posOf(sortedFlats[iflat]));
         if (p == INFINITY) break;
-        while (sortedEnds[ie] <= p) ++ie;
+        while (posOf(sortedEnds[ie]) <= p) ++ie;
         std::size_t m = 0;
         if constexpr (kFlats)
-            while (sortedFlats[iflat + m] == p) ++m;
+            while (posOf(sortedFlats[iflat + m]) == p) ++m;
         const std::size_t nl = is + iflat, nr = n - ie - iflat;
         const double l = (double(p) - lo) + h, r = (hi - double(p)) + h;
         const double cost = double(float(nl)) * l + double(float(nr)) * r;
@@ -433,16 +440,17 @@ void sweepRuns(const AxisFrame& ax, const Candidates& c, CheapestPlane& cheapest
                 best = cheapest.cost();
             }
         }
-        while (sortedStarts[is] <= p) ++is;
+        while (posOf(sortedStarts[is]) <= p) ++is;
         iflat += m;
     }
 }
 
-void sweepPlanes(const AxisFrame& ax, const Candidates& c, CheapestPlane& cheapest)
+template <class Elem>
+void sweepPlanes(const AxisFrame& ax, const Candidates<Elem>& c, CheapestPlane& cheapest)
 {
-    c.starts[c.ns] = INFINITY;
-    c.ends[c.ns] = INFINITY;
-    c.flats[c.nflat] = INFINITY;
+    setPos(c.starts[c.ns], INFINITY);
+    setPos(c.ends[c.ns], INFINITY);
+    setPos(c.flats[c.nflat], INFINITY);
     if (c.nflat > 0)
         sweepRuns<true>(ax, c, cheapest);
     else
@@ -655,7 +663,7 @@ class SahBuilder {
     {
         AxisFrame ax;
         if (!frameAxis(axis, box, n, ax)) return;
-        Candidates c = candidatesOn(axis);
+        auto c = candidatesOn(axis);
         Split axisBest;
         axisBest.axis = axis;
         const double emptyCost = emptySpaceCost(ax, c, axisBest);
@@ -673,10 +681,10 @@ class SahBuilder {
     }
 
     // The candidate planes of the references in [begin, end) on `axis`, unsorted.
-    Candidates gatherCandidates(int axis, std::size_t begin, std::size_t end) noexcept
+    Candidates<float> gatherCandidates(int axis, std::size_t begin, std::size_t end) noexcept
     {
-        Candidates c{lists_[0].as<float>(), lists_[1].as<float>(), lists_[2].as<float>(),
-                     lists_[3].as<float>()};
+        Candidates<float> c{lists_[0].as<float>(), lists_[1].as<float>(), lists_[2].as<float>(),
+                            lists_[3].as<float>()};
         for (std::size_t i = begin; i < end; ++i) {
             const Ref& r = refs_[i];
             const float l = r.lo[axis], u = r.hi[axis];
@@ -798,8 +806,8 @@ class SahBuilder {
 
     // ------------------------------------------------------------------- sorted lists
 
-    // Where one node's lists of one axis lie in the list arena; each run of positions has
-    // the triangle numbers beside it and one spare slot after it for the sweep's end marker.
+    // Where one node's lists of one axis lie in the list arena, as runs of events; each run
+    // has one spare slot after it for the sweep's end marker.
     struct AxisLists {
         std::size_t starts, ends, flats;
         std::size_t ns, nf;
@@ -835,11 +843,8 @@ class SahBuilder {
     // Sorts the run of n entries at `at`, using the n entries at `spareAt` as scratch.
     void sortRun(std::size_t at, std::size_t n, std::size_t spareAt) noexcept
     {
-        if (n < 2 || !sortByKey<true>(listPos_ + at, listTri_ + at, listPos_ + spareAt,
-                                      listTri_ + spareAt, n))
-            return;
-        std::memcpy(listPos_ + at, listPos_ + spareAt, n * sizeof(float));
-        std::memcpy(listTri_ + at, listTri_ + spareAt, n * sizeof(int));
+        if (n < 2 || !sortByKey(list_ + at, list_ + spareAt, n)) return;
+        std::memcpy(list_ + at, list_ + spareAt, n * sizeof(Event));
     }
 
     /*
@@ -855,15 +860,14 @@ class SahBuilder {
             for (int a = 0; a < 3; ++a) ++(refs_[i].lo[a] < refs_[i].hi[a] ? ns : nf)[a];
         const std::size_t rootSize = listsSize(ns, nf);
         const std::size_t least = rootSize + refCount;  // the root and the sort's spare
-        constexpr std::size_t kEntryBytes = sizeof(float) + sizeof(int);
+        constexpr std::size_t kEntryBytes = sizeof(Event);
         std::size_t entries = std::min(kListArenaRoots * rootSize,
                                        std::size_t(budget_.remaining() / 2) / kEntryBytes);
         entries = std::min(entries, std::size_t(0x7FFFFFFF) / kEntryBytes);
         if (entries < least) return ListArena::kNone;
         const std::uint32_t bytes = static_cast<std::uint32_t>(entries * kEntryBytes);
         if (!listArena_.acquire(budget_, bytes, bytes)) return ListArena::kHeapFailed;
-        listPos_ = listArena_.as<float>();
-        listTri_ = reinterpret_cast<int*>(listPos_ + entries);
+        list_ = listArena_.as<Event>();
         listCap_ = entries;
         listTop_ = 0;
 
@@ -874,13 +878,10 @@ class SahBuilder {
             for (int a = 0; a < 3; ++a) {
                 const AxisLists& x = root.axis[a];
                 if (r.lo[a] < r.hi[a]) {
-                    listPos_[x.starts + fill[a][0]] = r.lo[a];
-                    listTri_[x.starts + fill[a][0]++] = r.tri;
-                    listPos_[x.ends + fill[a][1]] = r.hi[a];
-                    listTri_[x.ends + fill[a][1]++] = r.tri;
+                    list_[x.starts + fill[a][0]++] = Event{r.lo[a], r.tri};
+                    list_[x.ends + fill[a][1]++] = Event{r.hi[a], r.tri};
                 } else {
-                    listPos_[x.flats + fill[a][2]] = r.lo[a];
-                    listTri_[x.flats + fill[a][2]++] = r.tri;
+                    list_[x.flats + fill[a][2]++] = Event{r.lo[a], r.tri};
                 }
             }
         }
@@ -893,15 +894,15 @@ class SahBuilder {
     }
 
     // The node's candidates on `axis`, already sorted; the bounds come from the lists' ends.
-    Candidates listCandidates(const NodeLists& l, int axis) const noexcept
+    Candidates<Event> listCandidates(const NodeLists& l, int axis) const noexcept
     {
         const AxisLists& x = l.axis[axis];
-        Candidates c{listPos_ + x.starts, listPos_ + x.ends, listPos_ + x.flats, nullptr};
+        Candidates<Event> c{list_ + x.starts, list_ + x.ends, list_ + x.flats, nullptr};
         c.ns = x.ns;
         c.nflat = x.nf;
         c.sorted = true;
-        if (x.ns > 0) c.widen(c.starts[0], c.ends[x.ns - 1]);
-        if (x.nf > 0) c.widen(c.flats[0], c.flats[x.nf - 1]);
+        if (x.ns > 0) c.widen(c.starts[0].pos, c.ends[x.ns - 1].pos);
+        if (x.nf > 0) c.widen(c.flats[0].pos, c.flats[x.nf - 1].pos);
         return c;
     }
 
@@ -910,22 +911,16 @@ class SahBuilder {
     void splitRun(std::size_t from, std::size_t n, const std::uint8_t* side, std::size_t toBelow,
                   std::size_t toAbove) noexcept
     {
-        const float* pos = listPos_ + from;
-        const int* tri = listTri_ + from;
-        float* lowPos = listPos_ + toBelow;
-        int* lowTri = listTri_ + toBelow;
-        float* highPos = listPos_ + toAbove;
-        int* highTri = listTri_ + toAbove;
+        const Event* in = list_ + from;
+        Event* low = list_ + toBelow;
+        Event* high = list_ + toAbove;
         std::size_t nl = 0, nh = 0;
         // Both runs end in a spare slot, so writing one entry past either end is harmless.
         for (std::size_t i = 0; i < n; ++i) {
-            const int t = tri[i];
-            const float p = pos[i];
-            const std::uint8_t s = side[t];
-            lowPos[nl] = p;
-            lowTri[nl] = t;
-            highPos[nh] = p;
-            highTri[nh] = t;
+            const Event e = in[i];
+            const std::uint8_t s = side[e.tri];
+            low[nl] = e;
+            high[nh] = e;
             nl += s & kBelow;
             nh += s >> 1;
         }
@@ -933,8 +928,7 @@ class SahBuilder {
 
     void copyRun(std::size_t from, std::size_t n, std::size_t to) noexcept
     {
-        std::memcpy(listPos_ + to, listPos_ + from, n * sizeof(float));
-        std::memcpy(listTri_ + to, listTri_ + from, n * sizeof(int));
+        std::memcpy(list_ + to, list_ + from, n * sizeof(Event));
     }
 
     // Merges the nStr sorted entries at `str` into the run at `to`, whose first nStr slots
@@ -942,21 +936,15 @@ class SahBuilder {
     void mergeRun(std::size_t to, std::size_t nStr, std::size_t nOwn, std::size_t str) noexcept
     {
         if (nStr == 0) return;
-        float* pos = listPos_ + to;
-        int* tri = listTri_ + to;
-        const float* strPos = listPos_ + str;
-        const int* strTri = listTri_ + str;
+        Event* run = list_ + to;
+        const Event* strs = list_ + str;
         // The run's spare slot stops the scan of its own entries; the sweep resets it.
-        pos[nStr + nOwn] = keyValue(kLastKey);
+        run[nStr + nOwn].pos = keyValue(kLastKey);
         std::size_t j = nStr, k = 0;
         for (std::size_t i = 0; i < nStr; ++i) {
-            const std::uint32_t key = sortKey(strPos[i]);
-            for (; sortKey(pos[j]) < key; ++j, ++k) {
-                pos[k] = pos[j];
-                tri[k] = tri[j];
-            }
-            pos[k] = strPos[i];
-            tri[k++] = strTri[i];
+            const std::uint32_t key = sortKey(strs[i].pos);
+            for (; sortKey(run[j].pos) < key; ++j, ++k) run[k] = run[j];
+            run[k++] = strs[i];
         }
     }
 
@@ -969,7 +957,7 @@ class SahBuilder {
         for (std::size_t run : {l.axis[0].starts, l.axis[0].flats}) {
             const std::size_t len = run == l.axis[0].starts ? l.axis[0].ns : l.axis[0].nf;
             for (std::size_t i = 0; i < len; ++i) {
-                const int t = listTri_[run + i];
+                const int t = list_[run + i].tri;
                 slot[t] = static_cast<int>(n);
                 refs_[n].tri = t;
                 refs_[n++].unused = 0;
@@ -978,12 +966,12 @@ class SahBuilder {
         for (int a = 0; a < 3; ++a) {
             const AxisLists& x = l.axis[a];
             for (std::size_t i = 0; i < x.ns; ++i) {
-                refs_[slot[listTri_[x.starts + i]]].lo[a] = listPos_[x.starts + i];
-                refs_[slot[listTri_[x.ends + i]]].hi[a] = listPos_[x.ends + i];
+                refs_[slot[list_[x.starts + i].tri]].lo[a] = list_[x.starts + i].pos;
+                refs_[slot[list_[x.ends + i].tri]].hi[a] = list_[x.ends + i].pos;
             }
             for (std::size_t i = 0; i < x.nf; ++i) {
-                Ref& r = refs_[slot[listTri_[x.flats + i]]];
-                r.lo[a] = r.hi[a] = listPos_[x.flats + i];
+                Ref& r = refs_[slot[list_[x.flats + i].tri]];
+                r.lo[a] = r.hi[a] = list_[x.flats + i].pos;
             }
         }
     }
@@ -1003,8 +991,8 @@ class SahBuilder {
         if (!split.valid() || !worthSplitting(split, box, n)) {
             int* tris = lists_[0].as<int>();
             const AxisLists& x = l.axis[0];
-            std::memcpy(tris, listTri_ + x.starts, x.ns * sizeof(int));
-            std::memcpy(tris + x.ns, listTri_ + x.flats, x.nf * sizeof(int));
+            for (std::size_t i = 0; i < x.ns; ++i) tris[i] = list_[x.starts + i].tri;
+            for (std::size_t i = 0; i < x.nf; ++i) tris[x.ns + i] = list_[x.flats + i].tri;
             return writeLeaf(node, tris, n);
         }
 
@@ -1012,20 +1000,19 @@ class SahBuilder {
         // or above the plane go above, ends at or below it below, flats by their position.
         std::uint8_t* side = lists_[3].as<std::uint8_t>();
         const AxisLists& sx = l.axis[split.axis];
-        const float* sPos = listPos_ + sx.starts;
-        const int* sTri = listTri_ + sx.starts;
+        const Event* sEvents = list_ + sx.starts;
         std::size_t firstAbove = 0;
-        while (firstAbove < sx.ns && !(sPos[firstAbove] >= split.pos)) ++firstAbove;
-        for (std::size_t i = 0; i < firstAbove; ++i) side[sTri[i]] = kBoth;
-        for (std::size_t i = firstAbove; i < sx.ns; ++i) side[sTri[i]] = kAbove;
+        while (firstAbove < sx.ns && !(sEvents[firstAbove].pos >= split.pos)) ++firstAbove;
+        for (std::size_t i = 0; i < firstAbove; ++i) side[sEvents[i].tri] = kBoth;
+        for (std::size_t i = firstAbove; i < sx.ns; ++i) side[sEvents[i].tri] = kAbove;
         std::size_t endsBelow = 0;
-        for (; endsBelow < sx.ns && listPos_[sx.ends + endsBelow] <= split.pos; ++endsBelow)
-            side[listTri_[sx.ends + endsBelow]] = kBelow;
+        for (; endsBelow < sx.ns && list_[sx.ends + endsBelow].pos <= split.pos; ++endsBelow)
+            side[list_[sx.ends + endsBelow].tri] = kBelow;
         std::size_t flatBelow[3] = {}, flatAbove[3] = {};
         for (std::size_t i = 0; i < sx.nf; ++i) {
-            const float p = listPos_[sx.flats + i];
+            const float p = list_[sx.flats + i].pos;
             const bool below = p < split.pos || (p == split.pos && split.flatsLow);
-            side[listTri_[sx.flats + i]] = below ? kBelow : kAbove;
+            side[list_[sx.flats + i].tri] = below ? kBelow : kAbove;
             ++(below ? flatBelow : flatAbove)[split.axis];
         }
         const std::size_t straddling = sx.ns - endsBelow - (sx.ns - firstAbove);
@@ -1035,7 +1022,7 @@ class SahBuilder {
             if (a == split.axis) continue;
             const AxisLists& x = l.axis[a];
             for (std::size_t i = 0; i < x.nf; ++i) {
-                const std::uint8_t s = side[listTri_[x.flats + i]];
+                const std::uint8_t s = side[list_[x.flats + i].tri];
                 flatBelow[a] += s & kBelow;
                 flatAbove[a] += s >> 1;
             }
@@ -1069,7 +1056,7 @@ class SahBuilder {
         };
         std::size_t strCount[2][3][3] = {};  // per child and axis: starts, ends, flats
         for (std::size_t i = 0; i < firstAbove; ++i) {
-            const int t = sTri[i];
+            const int t = sEvents[i].tri;
             if (side[t] != kBoth) continue;
             double corner[3][3];
             loadCorners(vertices_, triangles_, t, corner);
@@ -1079,13 +1066,10 @@ class SahBuilder {
                 for (int a = 0; a < 3; ++a) {
                     std::size_t* count = strCount[c][a];
                     if (lo[a] < hi[a]) {
-                        listPos_[runAt(c, a, 0) + count[0]] = lo[a];
-                        listTri_[runAt(c, a, 0) + count[0]++] = t;
-                        listPos_[runAt(c, a, 1) + count[1]] = hi[a];
-                        listTri_[runAt(c, a, 1) + count[1]++] = t;
+                        list_[runAt(c, a, 0) + count[0]++] = Event{lo[a], t};
+                        list_[runAt(c, a, 1) + count[1]++] = Event{hi[a], t};
                     } else {
-                        listPos_[runAt(c, a, 2) + count[2]] = lo[a];
-                        listTri_[runAt(c, a, 2) + count[2]++] = t;
+                        list_[runAt(c, a, 2) + count[2]++] = Event{lo[a], t};
                     }
                 }
             }
@@ -1188,9 +1172,8 @@ class SahBuilder {
     ChunkedArray<KDTreeNode> nodes_;  // nodes and leaf lists, in final order
     std::size_t refTop_ = 0;
     std::size_t nodeCount_ = 0;
-    ChargedBlock listArena_;  // the sorted lists: all positions, then all triangle numbers
-    float* listPos_ = nullptr;
-    int* listTri_ = nullptr;
+    ChargedBlock listArena_;  // the sorted lists' events
+    Event* list_ = nullptr;
     std::size_t listCap_ = 0;
     std::size_t listTop_ = 0;
 };
