@@ -688,7 +688,8 @@ class SahBuilder {
         for (std::size_t i = begin; i < end; ++i) {
             const Ref& r = refs_[i];
             const float l = r.lo[axis], u = r.hi[axis];
-            c.widen(l, u);
+            c.lowest = std::min(c.lowest, l);
+            c.highest = std::max(c.highest, u);
             if (l < u) {
                 c.starts[c.ns] = l;
                 c.ends[c.ns++] = u;
@@ -696,6 +697,10 @@ class SahBuilder {
                 c.flats[c.nflat++] = l;
             }
         }
+        // Plain min and max keep the first of equal bounds, which only for a zero can differ
+        // from the key order's extreme; look again for a zero of the other sign then.
+        if (c.lowest == 0.0f || c.highest == 0.0f)
+            for (std::size_t i = begin; i < end; ++i) c.widen(refs_[i].lo[axis], refs_[i].hi[axis]);
         return c;
     }
 
