@@ -855,8 +855,8 @@ class SahBuilder {
     /*
      * Charges and allocates the list arena and fills the root's lists from the references.
      * The arena is a stack: a node's children sit above it while its subtree is built, so it
-     * peaks near four times the root's lists; we ask for kListArenaRoots times that, and settle for
-     * half of what the budget still holds when that is less but more than the root needs.
+     * peaks near four times the root's lists; we ask for kListArenaRoots times them, and settle
+     * for half of what the budget still holds when that is less but more than the root needs.
      */
     ListArena openListArena(std::size_t refCount, NodeLists& root) noexcept
     {
