@@ -21,15 +21,23 @@ class BuildBudget {
     explicit BuildBudget(std::uint32_t budget) noexcept : remaining_(budget - kBuilderStateBytes) {}
     bool charge(std::uint32_t bytes) noexcept
     {
-        if (bytes > remaining_) return false;
+        if (bytes > remaining_) {
+            refused_ = true;
+            return false;
+        }
         remaining_ -= bytes;
         return true;
     }
     void refund(std::uint32_t bytes) noexcept { remaining_ += bytes; }
     std::uint32_t remaining() const noexcept { return remaining_; }
+    // Whether a charge was turned down since the last clearRefused, which tells a build that
+    // ran out of budget from one the heap let down.
+    bool refused() const noexcept { return refused_; }
+    void clearRefused() noexcept { refused_ = false; }
 
    private:
     std::uint32_t remaining_;
+    bool refused_ = false;
 };
 
 // One vlkMalloc block with its charge, released (and refunded) when it goes out of scope.
@@ -105,7 +113,15 @@ class ChunkedArray {
         initialCharge_ = initialBytes;
         for (std::uint32_t c = 0; c < chunks; ++c)
             if (!addChunk(false)) return false;
+        initialChunks_ = chunks_;
         return true;
+    }
+    // Frees every chunk added since init and refunds their charges: the state init left.
+    void trim() noexcept
+    {
+        while (chunks_ > initialChunks_) vlkFree(chunk_[--chunks_]);
+        if (budget_) budget_->refund(extraCharge_);
+        extraCharge_ = 0;
     }
     ~ChunkedArray() { release(); }
 
@@ -158,6 +174,7 @@ class ChunkedArray {
 
     T* chunk_[kMaxChunks] = {};
     int chunks_ = 0;
+    int initialChunks_ = 0;
     BuildBudget* budget_ = nullptr;
     std::uint32_t initialCharge_ = 0;
     std::uint32_t extraCharge_ = 0;

@@ -51,4 +51,39 @@ TEST(BuildBudget, BlocksRefundOnReleaseAndHandOverKeepsTheMemory)
     EXPECT_EQ(vlkTestLiveBytes(), base);
 }
 
+TEST(BuildBudget, ARefusedChargeIsRememberedUntilCleared)
+{
+    BuildBudget budget(1000);
+    EXPECT_FALSE(budget.refused());
+    EXPECT_TRUE(budget.charge(600));
+    EXPECT_FALSE(budget.refused()) << "a charge that fits";
+    EXPECT_FALSE(budget.charge(1));
+    EXPECT_TRUE(budget.refused());
+    EXPECT_EQ(budget.remaining(), 0u) << "nothing taken by the refusal";
+    budget.refund(600);
+    EXPECT_TRUE(budget.refused()) << "a refund does not clear it";
+    budget.clearRefused();
+    EXPECT_FALSE(budget.refused());
+}
+
+TEST(BuildBudget, TrimFreesTheGrownChunksAndRefundsTheirCharges)
+{
+    BuildBudget budget(4u * (1u << 24) + 400);
+    const long long base = vlkTestLiveBytes();
+    ChunkedArray<Ref32> refs;
+    ASSERT_TRUE(refs.init(budget, 1u << 24));
+    const std::uint32_t afterInit = budget.remaining();
+    const long long initBytes = vlkTestLiveBytes() - base;
+    ASSERT_TRUE(refs.reserve((std::size_t(2) << 19) + 1));  // two granules more
+    EXPECT_EQ(budget.remaining(), afterInit - 2 * ((1u << 24) + 40));
+    refs.trim();
+    EXPECT_EQ(budget.remaining(), afterInit) << "back to what init charged";
+    EXPECT_EQ(vlkTestLiveBytes() - base, initBytes) << "the first area stays";
+    EXPECT_EQ(refs.capacity(), std::size_t(1) << 19);
+    ASSERT_TRUE(refs.reserve((std::size_t(1) << 19) + 1)) << "and can grow again";
+    refs.release();
+    EXPECT_EQ(budget.remaining(), 4u * (1u << 24));
+    EXPECT_EQ(vlkTestLiveBytes(), base);
+}
+
 }  // namespace

@@ -222,11 +222,54 @@ TEST(KDTreeBudget, PeakLiveBytesStayWithinTheBudgetAndAnExhaustedAccountIsMemAll
     EXPECT_EQ(trackedBuild(m, sah(36)), vlkStatusMemAlloc);
 }
 
+// Builds m with a budget of `mb` megabytes and returns the hash of the tree's bytes; *calls
+// gets the allocation calls made.
+std::uint32_t treeHash(const Mesh& m, unsigned mb, long long* calls)
+{
+    vlkTestResetAllocations();
+    KDTreeNode* tree = nullptr;
+    int size = 0;
+    EXPECT_EQ(buildTree(m, sah(mb), &tree, &size), vlkStatusOk) << mb << " MB";
+    *calls = vlkTestAllocationCalls();
+    std::uint32_t hash = 2166136261u;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(tree);
+    for (int i = 0; tree && i < size; ++i) hash = (hash ^ bytes[i]) * 16777619u;
+    vlkrKDTreeFree(tree);
+    vlkTestResetAllocations();
+    return hash;
+}
+
+TEST(KDTreeBudget, SortedListsAndPerNodeSortsGiveTheSameTree)
+{
+    // 20,000 triangles need 35,314,912 bytes. At 34 MB the budget has no room for the sorted
+    // lists and every node sorts its own; one megabyte more opens the list arena, which the
+    // finished tree's allocation count shows.
+    std::mt19937 rng(21);
+    const Mesh soup = vlkr::test::randomSoup(rng, 20000, 30.0f);
+    long long perNodeCalls = 0, listCalls = 0, bigCalls = 0;
+    const std::uint32_t perNode = treeHash(soup, 34, &perNodeCalls);
+    EXPECT_EQ(treeHash(soup, 35, &listCalls), perNode);
+    EXPECT_EQ(listCalls, perNodeCalls + 1) << "the list arena is one more block";
+    EXPECT_EQ(treeHash(soup, 256, &bigCalls), perNode);
+    EXPECT_EQ(bigCalls, listCalls);
+
+    // Needles straddle many planes: their subtrees outgrow the list arena and go on sorting
+    // per node, and at 55 MB the arena leaves the nodes too little, so the build starts again
+    // without it. All three trees are the same.
+    std::mt19937 rng3(3);
+    const Mesh needles = vlkr::test::needles(rng3, 36000);
+    long long calls = 0;
+    const std::uint32_t restarted = treeHash(needles, 55, &calls);
+    EXPECT_EQ(treeHash(needles, 68, &calls), restarted);
+    EXPECT_EQ(treeHash(needles, 256, &calls), restarted);
+}
+
 TEST(KDTreeBudget, EveryAllocationFailureReleasesEverything)
 {
     // The soup makes each first allocation once: four candidate lists, the reference arena,
-    // the node storage and the finished tree. The needles also grow their storage, so their
-    // last calls are a growth step and the finished tree; the earlier ones repeat the soup's.
+    // the node storage, the sorted-list arena and the finished tree. The needles also grow
+    // their storage, so their last calls are a growth step and the finished tree; the earlier
+    // ones repeat the soup's.
     std::mt19937 rng(12);
     const Mesh soup = vlkr::test::randomSoup(rng, 3000, 20.0f);
     std::mt19937 rng3(3);
@@ -235,7 +278,7 @@ TEST(KDTreeBudget, EveryAllocationFailureReleasesEverything)
         const Mesh& mesh;
         unsigned mb;
         long long firstCall, leastCalls;
-    } cases[] = {{soup, 40, 1, 7}, {needles, 68, 7, 8}};
+    } cases[] = {{soup, 40, 1, 8}, {needles, 68, 7, 9}};
     for (const auto& c : cases) {
         long long calls = 0;
         ASSERT_EQ(trackedBuild(c.mesh, sah(c.mb), 0, &calls), vlkStatusOk);
