@@ -79,13 +79,26 @@ Rays randomRays(std::mt19937& rng, const float* eye, const float box[6], int w, 
             r.d[k][i] = eye ? box[k] + unit(rng) * (box[3 + k] - box[k]) - eye[k] : dirc(rng);
         }
         if (i % 17 == 3) r.d[i % 3][i] = 0.0f;
-        if (i % 29 == 0) r.d[1][i] = 1e-8f;
+        if (i % (eye ? 29 : 7) == 3) r.d[(i / 7) % 3][i] = (i / 21) % 2 ? -1e-8f : 1e-8f;
         r.dist[i] = i % 11 == 5 ? len(rng) : i % 13 == 7 ? (i % 2 ? 0.0f : -1.0f) : FLT_MAX;
     }
     return r;
 }
 
-Mesh testSoup(std::mt19937& rng, int n) { return vlkr::test::randomSoup(rng, n, 5.0f); }
+// Triangles about a unit across around random centres in [-5, 5]^3: small enough that the
+// tree splits them apart and every walk goes deep.
+Mesh testSoup(std::mt19937& rng, int n)
+{
+    std::uniform_real_distribution<float> centre(-5.0f, 5.0f), offset(-0.6f, 0.6f);
+    Mesh m;
+    for (int t = 0; t < n; ++t) {
+        const float c[3] = {centre(rng), centre(rng), centre(rng)};
+        float v[9];
+        for (int i = 0; i < 9; ++i) v[i] = c[i % 3] + offset(rng);
+        m.add(v);
+    }
+    return m;
+}
 
 // ------------------------------------------------------------------ nearest hit
 
@@ -94,7 +107,8 @@ std::vector<std::uint32_t> results(const Rays& r)
 {
     std::vector<std::uint32_t> w;
     for (std::size_t i = 0; i < r.tri.size(); ++i)
-        w.insert(w.end(), {std::uint32_t(r.tri[i]), bitsOf(r.dist[i]), bitsOf(r.p[i]), bitsOf(r.q[i])});
+        w.insert(w.end(),
+                 {std::uint32_t(r.tri[i]), bitsOf(r.dist[i]), bitsOf(r.p[i]), bitsOf(r.q[i])});
     return w;
 }
 
@@ -105,8 +119,8 @@ struct Tally {
 
 // A nearest hit (or miss) against the oracle: exact triangle and close numbers where it is
 // decided, a real crossing where it is not.
-void expectNearest(const RayOracle& oracle, const Answer& want, const float o[3],
-                   const float d[3], int tri, float t, float p, float q, Tally& tally)
+void expectNearest(const RayOracle& oracle, const Answer& want, const float o[3], const float d[3],
+                   int tri, float t, float p, float q, Tally& tally)
 {
     if (!want.decided) {
         EXPECT_TRUE(tri < 0 || oracle.isCrossing(o, d, tri, t, p, q)) << "undecided, " << tri;
@@ -159,7 +173,7 @@ TEST(IntersectNearest, AgreesWithTheOracleAndEveryWalkGivesTheSameBits)
             }
         }
         EXPECT_GT(tally.decided, int(r.size()) / 2);  // coplanar flats tie often
-        EXPECT_GT(tally.hits, int(r.size()) / 8);
+        EXPECT_GT(tally.hits, int(r.size()) / 16);
         EXPECT_LT(tally.hits, tally.decided);
         if (c.perRay) continue;
         perRay.eye(nullptr, s);
@@ -204,7 +218,8 @@ TEST(IntersectNearest, AGridOfRaysGivesItsRecordedHash)
         Rays r(32, 32);
         for (int i = 0; i < 1024; ++i) {
             for (int k = 0; k < 3; ++k) r.o[k][i] = eye[k];
-            r.d[0][i] = -0.43f + 0.0271f * float(i % 32), r.d[1][i] = 0.41f - 0.0263f * float(i / 32);
+            r.d[0][i] = -0.43f + 0.0271f * float(i % 32),
+            r.d[1][i] = 0.41f - 0.0263f * float(i / 32);
             r.d[2][i] = 1.0f, r.dist[i] = 3.4e38f, r.p[i] = r.q[i] = 0.0f;
         }
         ASSERT_EQ(r.eye(perRay ? nullptr : eye, s), vlkStatusOk);
@@ -281,6 +296,12 @@ TEST(IntersectAny, FirstOccluderInIndexOrderOnlyStrictlyBetweenZeroAndOne)
             const float d[3] = {r.d[0][i], r.d[1][i], r.d[2][i]};
             const Answer want = oracle.nearest(light, d, 0.0, 1.0, {}, mode == KDTreeBuildSimple);
             if (maskIn[i] >= 0 && !want.decided) continue;
+            // A tiny negative component keeps its sign flag but takes the positive stand-in
+            // inverse, so through a tree such a ray may walk into the side of a split on that
+            // axis that it does not lie in: its answer is the walk's, not the geometry's.
+            bool tinyNegative = false;
+            for (float c : d) tinyNegative = tinyNegative || (c < 0.0f && c >= -1.1920929e-7f);
+            if (mode != KDTreeBuildSimple && tinyNegative) continue;
             const int expected = maskIn[i] < 0 || !want.hit ? -1 : want.crossing.tri;
             if (mode == KDTreeBuildSimple)
                 EXPECT_EQ(r.tri[i], expected) << i;
@@ -362,8 +383,8 @@ TEST(IntersectLayers, AgreeWithTheOracleLayerByLayer)
             for (std::size_t i = 0; i < r.size(); ++i) expectLayers(oracle, in, r, eye, i, tally);
             EXPECT_GT(tally.hits, int(r.size()) * std::min(layers, 4) / 2) << layers;
             if (layers >= 10) {  // hits past the ring of eight
-                EXPECT_GT(std::count_if(r.tri.begin() + 9 * r.size(),
-                                        r.tri.begin() + 10 * r.size(), [](int t) { return t >= 0; }),
+                EXPECT_GT(std::count_if(r.tri.begin() + 9 * r.size(), r.tri.begin() + 10 * r.size(),
+                                        [](int t) { return t >= 0; }),
                           10);
             }
         }
