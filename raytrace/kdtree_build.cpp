@@ -751,6 +751,20 @@ class SahBuilder {
         return pair;
     }
 
+    // The split of a node of n references, or an invalid one when the node stays a leaf: the
+    // cheapest plane of the three axes, when the split rule takes it. candidates(axis) gives
+    // the node's candidate planes on an axis.
+    template <class CandidatesOf>
+    Split chooseSplit(const Box& box, std::size_t n, unsigned depth,
+                      CandidatesOf candidates) noexcept
+    {
+        Split split;
+        if (depth < params_.depth && n > searchAbove_)
+            for (int axis = 0; axis < 3; ++axis) findSplitOnAxis(axis, box, n, split, candidates);
+        if (split.valid() && !worthSplitting(split, box, n)) split.axis = -1;
+        return split;
+    }
+
     bool buildNode(std::size_t node, std::size_t begin, std::size_t end, const Box& box,
                    unsigned depth) noexcept
     {
@@ -759,12 +773,9 @@ class SahBuilder {
             nodes_[node] = emptyLeaf();
             return true;
         }
-        Split split;
-        if (depth < params_.depth && n > searchAbove_)
-            for (int axis = 0; axis < 3; ++axis)
-                findSplitOnAxis(axis, box, n, split,
-                                [&](int a) { return gatherCandidates(a, begin, end); });
-        if (!split.valid() || !worthSplitting(split, box, n)) {
+        const Split split =
+            chooseSplit(box, n, depth, [&](int a) { return gatherCandidates(a, begin, end); });
+        if (!split.valid()) {
             int* tris = lists_[0].as<int>();
             for (std::size_t i = 0; i < n; ++i) tris[i] = refs_[begin + i].tri;
             return writeLeaf(node, tris, n);
@@ -989,11 +1000,8 @@ class SahBuilder {
             nodes_[node] = emptyLeaf();
             return true;
         }
-        Split split;
-        if (depth < params_.depth && n > searchAbove_)
-            for (int axis = 0; axis < 3; ++axis)
-                findSplitOnAxis(axis, box, n, split, [&](int a) { return listCandidates(l, a); });
-        if (!split.valid() || !worthSplitting(split, box, n)) {
+        const Split split = chooseSplit(box, n, depth, [&](int a) { return listCandidates(l, a); });
+        if (!split.valid()) {
             int* tris = lists_[0].as<int>();
             const AxisLists& x = l.axis[0];
             for (std::size_t i = 0; i < x.ns; ++i) tris[i] = list_[x.starts + i].tri;
