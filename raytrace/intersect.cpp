@@ -56,8 +56,9 @@ Ray laneRay(const TilePacket& p, int l, int pattern)
 /*
  * Sets up every ray of the block from `origin` tile by tile, four rays at a time:
  * setUpRow(index, valid, row) sets up the rays of `valid` (lane bits) at block elements index[]
- * and returns those with something to walk. In each tile the rays sharing the commonest sign
- * pattern walk together (packet(p, lanes, index)) and the rest alone (single(ray, i)).
+ * and returns those with something to walk. In each tile the rays sharing a sign pattern walk
+ * together (packet(p, lanes, index)) and a ray whose pattern no other shares walks alone
+ * (single(ray, i)).
  */
 template <class SetUpRow, class Single, class PacketFn>
 void traceTiles(const float origin[3], PacketSize block, SetUpRow setUpRow, Single single,
@@ -92,12 +93,11 @@ void traceTiles(const float origin[3], PacketSize block, SetUpRow setUpRow, Sing
                 }
                 ready |= rowReady << (4 * g);
             }
-            int common = 0;
-            for (int q = 1; q < 8; ++q)
-                if (__builtin_popcount(group[q]) > __builtin_popcount(group[common])) common = q;
-            const unsigned lanes = group[common];
-            if (__builtin_popcount(lanes) > 1) {
-                for (int k = 0; k < 3; ++k) p.sign[k] = common >> k & 1;
+            // Every sign pattern that two or more rays share walks as a packet of its own.
+            for (int q = 0; q < 8; ++q) {
+                const unsigned lanes = group[q];
+                if (__builtin_popcount(lanes) < 2) continue;
+                for (int k = 0; k < 3; ++k) p.sign[k] = q >> k & 1;
                 packet(p, lanes, index);
                 ready &= ~lanes;
             }
@@ -313,6 +313,7 @@ void intersectAny(const float origin[3], const float* const dir[3], int* triangl
             traced |= 1u << l;
             for (int k = 0; k < 3; ++k) d[k][l] = dir[k][i];
         }
+        if (traced == 0) return 0u;
         for (int k = 0; k < 3; ++k) r.d[k] = lanes::Float4::load(d[k]);
         occlusionInverses(r.d, r.inv, r.negative);
         r.tnear = 0.0f;
