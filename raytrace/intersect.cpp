@@ -127,8 +127,8 @@ bool raysLookScattered(const float* const dir[3], std::size_t count) noexcept
  * Walks the rays of a block one after another, or interleaved when they go separate ways
  * through a tree larger than the caches; the results are the same either way. Rays that
  * follow each other down the same paths keep the nodes in the cache and the branches
- * predicted, which interleaving would lose: it halves the speed of coherent rays (a quarter
- * of it on shadow rays), while on scattered rays through a large tree it gains 10 to 40%.
+ * predicted, which interleaving would lose: it halves the speed of coherent rays (leaves a
+ * fifth of it on shadow rays), while on scattered rays through a large tree it gains 10 to 40%.
  */
 template <class Policy, class Start, class Finish>
 void walkRays(const IntersectContext& ctx, const float* const dir[3], float epsilon,
