@@ -28,7 +28,7 @@ constexpr int kTileRays = TilePacket::kRays;
 
 // Four rays of a tile row as a query sets them up, in the packet's registers.
 struct RowRays {
-    lanes::Float4 d[3], inv[3], tnear, tfar;
+    lanes::Float4 o[3], d[3], inv[3], tnear, tfar;
     lanes::Mask4 negative[3];
 };
 
@@ -43,7 +43,7 @@ Ray laneRay(const TilePacket& p, int l, int pattern)
     };
     Ray r;
     for (int k = 0; k < 3; ++k) {
-        r.o[k] = p.origin[k];
+        r.o[k] = pick(p.o[g][k]);
         r.d[k] = pick(p.d[g][k]);
         r.inv[k] = pick(p.inv[g][k]);
         r.sign[k] = pattern >> k & 1;
@@ -54,18 +54,16 @@ Ray laneRay(const TilePacket& p, int l, int pattern)
 }
 
 /*
- * Sets up every ray of the block from `origin` tile by tile, four rays at a time:
+ * Sets up every ray of the block tile by tile, four rays at a time:
  * setUpRow(index, valid, row) sets up the rays of `valid` (lane bits) at block elements index[]
  * and returns those with something to walk. In each tile the rays sharing a sign pattern walk
  * together (packet(p, lanes, index)) and a ray whose pattern no other shares walks alone
  * (single(ray, i)).
  */
 template <class SetUpRow, class Single, class PacketFn>
-void traceTiles(const float origin[3], PacketSize block, SetUpRow setUpRow, Single single,
-                PacketFn packet)
+void traceTiles(PacketSize block, SetUpRow setUpRow, Single single, PacketFn packet)
 {
     TilePacket p;
-    for (int k = 0; k < 3; ++k) p.origin[k] = origin[k], p.o[k] = lanes::Float4(origin[k]);
     for (int y = 0; y < block.height; y += kPacketRegs)
         for (int x = 0; x < block.width; x += 4) {
             std::size_t index[kTileRays] = {};
@@ -79,7 +77,8 @@ void traceTiles(const float origin[3], PacketSize block, SetUpRow setUpRow, Sing
                     valid |= 1u << l;
                 }
                 const unsigned rowReady = valid ? setUpRow(index + 4 * g, valid, r) : 0u;
-                for (int k = 0; k < 3; ++k) p.d[g][k] = r.d[k], p.inv[g][k] = r.inv[k];
+                for (int k = 0; k < 3; ++k)
+                    p.o[g][k] = r.o[k], p.d[g][k] = r.d[k], p.inv[g][k] = r.inv[k];
                 p.tnear[g] = r.tnear;
                 p.tfar[g] = r.tfar;
                 const int neg[3] = {lanes::bits(r.negative[0]), lanes::bits(r.negative[1]),
@@ -124,17 +123,15 @@ bool raysLookScattered(const float* const dir[3], std::size_t count) noexcept
 }
 
 /*
- * Walks the rays of a block one after another, or interleaved when they go separate ways
- * through a tree larger than the caches; the results are the same either way. Rays that
- * follow each other down the same paths keep the nodes in the cache and the branches
- * predicted, which interleaving would lose: it halves the speed of coherent rays (leaves a
- * fifth of it on shadow rays), while on scattered rays through a large tree it gains 10 to 40%.
+ * Walks scattered rays one after another, or interleaved through a tree larger than the
+ * caches; the results are the same either way. Interleaving gains 10 to 40% on scattered rays
+ * through a large tree, and loses on a small one, whose nodes stay cached anyway.
  */
 template <class Policy, class Start, class Finish>
-void walkRays(const IntersectContext& ctx, const float* const dir[3], float epsilon,
-              std::size_t count, Start start, Finish finish) noexcept
+void walkRays(const IntersectContext& ctx, float epsilon, std::size_t count, Start start,
+              Finish finish) noexcept
 {
-    if (treeLooksLarge(ctx.pRootNode) && raysLookScattered(dir, count))
+    if (treeLooksLarge(ctx.pRootNode))
         walkInterleaved<kInterleavedRays, Policy>(ctx.pRootNode, ctx.pAccel, epsilon, count, start,
                                                   finish);
     else
@@ -167,11 +164,13 @@ void nearestHits(Origins origin, const float* const dir[3], float* dist, float* 
         return enterBox(ctx.pBound, dist[i], ray);
     };
 
-    // Per-ray origins do not share a walk; scattered ones take turns instead, so that their
-    // node fetches overlap.
-    if (!origin.shared) {
+    // Rays with their own origins that go separate ways share no walk; the rest walk in tiles.
+    // Rays that follow each other down the same paths keep the nodes in the cache and the
+    // branches predicted, which taking turns would lose: it halves the speed of coherent rays
+    // (leaves a fifth of it on shadow rays).
+    if (!origin.shared && raysLookScattered(dir, count)) {
         walkRays<NearestHit>(
-            ctx, dir, epsilon, count,
+            ctx, epsilon, count,
             [&](std::size_t i, int, Ray& ray, NearestHit& h) {
                 h.best = dist[i];
                 return setUp(ray, i);
@@ -183,19 +182,24 @@ void nearestHits(Origins origin, const float* const dir[3], float* dist, float* 
         return;
     }
 
-    // Rays from one origin walk in tiles, set up four at a time.
+    // Tile rays are set up four at a time.
     auto setUpRow = [&](const std::size_t* index, unsigned valid, RowRays& r) {
-        alignas(16) float d[3][4] = {}, maxDist[4] = {};
+        alignas(16) float o[3][4] = {}, d[3][4] = {}, maxDist[4] = {};
         for (int l = 0; l < 4; ++l) {
             if (!(valid >> l & 1)) continue;
             const std::size_t i = index[l];
             triangle[i] = -1;
-            for (int k = 0; k < 3; ++k) d[k][l] = dir[k][i];
+            for (int k = 0; k < 3; ++k) {
+                o[k][l] = origin.shared ? origin.shared[k] : origin.perRay[k][i];
+                d[k][l] = dir[k][i];
+            }
             maxDist[l] = dist[i];
         }
-        const lanes::Float4 o[3] = {origin.shared[0], origin.shared[1], origin.shared[2]};
-        for (int k = 0; k < 3; ++k) r.d[k] = lanes::Float4::load(d[k]);
-        const lanes::Mask4 inside = enterBox(ctx.pBound, o, r.d, lanes::Float4::load(maxDist),
+        for (int k = 0; k < 3; ++k) {
+            r.o[k] = lanes::Float4::load(o[k]);
+            r.d[k] = lanes::Float4::load(d[k]);
+        }
+        const lanes::Mask4 inside = enterBox(ctx.pBound, r.o, r.d, lanes::Float4::load(maxDist),
                                              r.inv, r.negative, r.tnear, r.tfar);
         return unsigned(lanes::bits(inside)) & valid;
     };
@@ -204,7 +208,7 @@ void nearestHits(Origins origin, const float* const dir[3], float* dist, float* 
         for (int l = 0; l < kTileRays; ++l) best[l] = (lanes >> l & 1) ? dist[index[l]] : 0.0f;
         NearestHit4 h[kPacketRegs];
         for (int g = 0; g < kPacketRegs; ++g) h[g].best = lanes::Float4::load(best + 4 * g);
-        walkPacket(ctx.pRootNode, ctx.pAccel, epsilon, p, lanes, h);
+        walkPacket(ctx.pRootNode, ctx.pAccel, epsilon, p, lanes, h, origin.shared);
         for (int g = 0; g < kPacketRegs; ++g) {
             alignas(16) float t[4], u[4], v[4];
             alignas(16) int tri[4];
@@ -222,7 +226,7 @@ void nearestHits(Origins origin, const float* const dir[3], float* dist, float* 
             }
         }
     };
-    traceTiles(origin.shared, block, setUpRow, single, packet);
+    traceTiles(block, setUpRow, single, packet);
 }
 
 }  // namespace
@@ -314,7 +318,7 @@ void intersectAny(const float origin[3], const float* const dir[3], int* triangl
             for (int k = 0; k < 3; ++k) d[k][l] = dir[k][i];
         }
         if (traced == 0) return 0u;
-        for (int k = 0; k < 3; ++k) r.d[k] = lanes::Float4::load(d[k]);
+        for (int k = 0; k < 3; ++k) r.o[k] = origin[k], r.d[k] = lanes::Float4::load(d[k]);
         occlusionInverses(r.d, r.inv, r.negative);
         r.tnear = 0.0f;
         r.tfar = kOcclusionFar;
@@ -329,7 +333,7 @@ void intersectAny(const float origin[3], const float* const dir[3], int* triangl
     };
     auto packet = [&](TilePacket& p, unsigned lanes, const std::size_t* index) {
         AnyHit4 h[kPacketRegs];
-        walkPacket(ctx.pRootNode, ctx.pAccel, kNodeEpsilon, p, lanes, h);
+        walkPacket(ctx.pRootNode, ctx.pAccel, kNodeEpsilon, p, lanes, h, origin);
         for (int l = 0; l < kTileRays; ++l) {
             const int tri = h[l / 4].triangle[l % 4];
             if (!(lanes >> l & 1) || tri < 0) continue;
@@ -337,7 +341,7 @@ void intersectAny(const float origin[3], const float* const dir[3], int* triangl
             mask[index[l]] = -1;
         }
     };
-    traceTiles(origin, block, setUpRow, single, packet);
+    traceTiles(block, setUpRow, single, packet);
 }
 
 }  // namespace vlkr::raytrace

@@ -1,5 +1,5 @@
-// The k-d tree walk for a packet of rays from one origin, four to a register, giving each ray
-// exactly what the single-ray walk gives it.
+// The k-d tree walk for a packet of rays, four to a register, giving each ray exactly what the
+// single-ray walk gives it.
 #pragma once
 
 #include <emmintrin.h>
@@ -9,14 +9,13 @@
 
 namespace vlkr::raytrace {
 
-// Up to 4 * kRegs rays from one origin; those that walk together agree with `sign` on every
-// axis, so that they share the near/far order. Lane l of register g is ray 4 g + l of the
-// packet; lanes outside the walk hold numbers of their own that nothing reads.
+// Up to 4 * kRegs rays; those that walk together agree with `sign` on every axis, so that
+// they share the near/far order. Lane l of register g is ray 4 g + l of the packet; lanes
+// outside the walk hold numbers of their own that nothing reads.
 template <int kRegs>
 struct Packet {
     static constexpr int kRays = 4 * kRegs;
-    float origin[3];
-    lanes::Float4 o[3];  // the origin in every lane, for the triangle test
+    lanes::Float4 o[kRegs][3];
     lanes::Float4 d[kRegs][3];
     lanes::Float4 inv[kRegs][3];
     lanes::Float4 tnear[kRegs];
@@ -44,11 +43,12 @@ inline unsigned regLanes(unsigned mask, int g) { return mask >> (4 * g) & 15u; }
  * entry remembers which rays pushed the far child (they resume with tnear = tfar) and which
  * went to it alone (they resume with their segment unchanged). A node is fetched and decoded
  * once for the whole packet; registers with no ray at a leaf test no triangles.
- * hits[g] is the policy of register g.
+ * hits[g] is the policy of register g; sharedOrigin is the rays' one origin, or null when each
+ * lane has its own.
  */
 template <int kRegs, class Policy>
 void walkPacket(const KDTreeNode* root, const TriangleAccel* accel, float epsilon, Packet<kRegs>& r,
-                unsigned lanes, Policy hits[kRegs]) noexcept
+                unsigned lanes, Policy hits[kRegs], const float* sharedOrigin) noexcept
 {
     using lanes::Float4;
     struct Entry {
@@ -66,14 +66,16 @@ void walkPacket(const KDTreeNode* root, const TriangleAccel* accel, float epsilo
     for (;;) {
         while (isInner(node)) {
             const int axis = splitAxis(node);
-            const Float4 offset(splitOf(node) - r.origin[axis]);
+            const float split = splitOf(node);
             const KDTreeNode* pair = childPair(node);
             const KDTreeNode* nearChild = pair + r.sign[axis];
             const KDTreeNode* farChild = pair + (1 - r.sign[axis]);
             Float4 t[kRegs];
             unsigned farOnly = 0, beyond = 0;
+            // Rays from one origin share the split's offset from it.
+            const Float4 offset(sharedOrigin ? split - sharedOrigin[axis] : 0.0f);
             for (int g = 0; g < kRegs; ++g) {
-                t[g] = offset * r.inv[g][axis];
+                t[g] = (sharedOrigin ? offset : Float4(split) - r.o[g][axis]) * r.inv[g][axis];
                 farOnly |= unsigned(lanes::bits(tnear[g] - t[g] > eps)) << (4 * g);
                 beyond |= unsigned(lanes::bits(t[g] - tfar[g] > eps)) << (4 * g);
             }
@@ -109,8 +111,8 @@ void walkPacket(const KDTreeNode* root, const TriangleAccel* accel, float epsilo
                 const unsigned regActive = regLanes(active, g);
                 if (!regActive) continue;
                 Float4 t, p, q;
-                const lanes::Mask4 hit =
-                    hitTriangle(accel[n], r.o, r.d[g], hits[g].best, laneMask4(regActive), t, p, q);
+                const lanes::Mask4 hit = hitTriangle(accel[n], r.o[g], r.d[g], hits[g].best,
+                                                     laneMask4(regActive), t, p, q);
                 const int hitLanes = lanes::bits(hit);
                 if (hitLanes == 0) continue;
                 const unsigned finished = unsigned(hits[g].onHit(n, hit, hitLanes, t, p, q));
