@@ -57,8 +57,10 @@ struct AnyHit {
     static bool skip(int) noexcept { return false; }
 };
 
-// The packet forms of the two policies, lane for lane the same decisions.
+// The packet forms of the policies, lane for lane the same decisions; skipLanes(n) gives the
+// lanes that pass over triangle n.
 struct NearestHit4 {
+    static unsigned skipLanes(int) noexcept { return 0; }
     lanes::Float4 best;
     lanes::Float4 p = 0.0f, q = 0.0f;
     lanes::Float4 triangle = _mm_castsi128_ps(_mm_set1_epi32(-1));  // int lanes, as float bits
@@ -73,7 +75,23 @@ struct NearestHit4 {
     }
 };
 
+// The layered query's packet form: per lane, the previous layer's triangle and the ring of
+// recent ones, slot s of the four lanes in ring[s]; lanes that hold n skip it.
+struct LayerHit4 : NearestHit4 {
+    __m128i previous;
+    __m128i ring[kRecentTriangles];
+    int ringSlots;
+    unsigned skipLanes(int n) const noexcept
+    {
+        const __m128i v = _mm_set1_epi32(n);
+        __m128i same = _mm_cmpeq_epi32(previous, v);
+        for (int s = 0; s < ringSlots; ++s) same = _mm_or_si128(same, _mm_cmpeq_epi32(ring[s], v));
+        return unsigned(_mm_movemask_ps(_mm_castsi128_ps(same)));
+    }
+};
+
 struct AnyHit4 {
+    static unsigned skipLanes(int) noexcept { return 0; }
     lanes::Float4 best = 1.0f;
     int triangle[4] = {-1, -1, -1, -1};
     int onHit(int n, lanes::Mask4, int hitLanes, lanes::Float4, lanes::Float4,

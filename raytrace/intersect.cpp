@@ -53,59 +53,112 @@ Ray laneRay(const TilePacket& p, int l, int pattern)
     return r;
 }
 
+// Calls tile(index, valid) for each 4 x 4 tile of the block: index[l] is the block element of
+// lane l, and `valid` has the bits of the lanes inside the block.
+template <class Tile>
+void forEachTile(PacketSize block, Tile tile)
+{
+    for (int y = 0; y < block.height; y += kPacketRegs)
+        for (int x = 0; x < block.width; x += 4) {
+            std::size_t index[kTileRays] = {};
+            unsigned valid = 0;
+            for (int l = 0; l < kTileRays; ++l) {
+                const int row = y + l / 4, col = x + l % 4;
+                if (row >= block.height || col >= block.width) continue;
+                index[l] = std::size_t(row) * std::size_t(block.width) + std::size_t(col);
+                valid |= 1u << l;
+            }
+            tile(index, valid);
+        }
+}
+
+// The sign pattern of each lane of `lanes`, from the sign masks of its register.
+void lanePatterns(const lanes::Mask4 negative[3], int g, unsigned lanes, int pattern[])
+{
+    const int neg[3] = {lanes::bits(negative[0]), lanes::bits(negative[1]),
+                        lanes::bits(negative[2])};
+    for (int l = 0; l < 4; ++l)
+        if (lanes >> l & 1)
+            pattern[4 * g + l] =
+                (neg[0] >> l & 1) | (neg[1] >> l & 1) << 1 | (neg[2] >> l & 1) << 2;
+}
+
+// Walks the lanes of `ready` in the packet: every sign pattern that two or more share walks
+// as a packet of its own (packet(p, lanes)), and a lane whose pattern no other shares walks
+// alone (single(ray, l)).
+template <class Single, class PacketFn>
+void walkTile(TilePacket& p, unsigned ready, const int pattern[], Single single, PacketFn packet)
+{
+    unsigned group[8] = {};
+    for (int l = 0; l < kTileRays; ++l)
+        if (ready >> l & 1) group[pattern[l]] |= 1u << l;
+    for (int q = 0; q < 8; ++q) {
+        const unsigned lanes = group[q];
+        if (__builtin_popcount(lanes) < 2) continue;
+        for (int k = 0; k < 3; ++k) p.sign[k] = q >> k & 1;
+        packet(p, lanes);
+        ready &= ~lanes;
+    }
+    for (int l = 0; l < kTileRays; ++l) {
+        if (!(ready >> l & 1)) continue;
+        Ray r = laneRay(p, l, pattern[l]);
+        single(r, l);
+    }
+}
+
+// The rays of a tile into the packet's registers, lane l from rays[l].
+void gatherRays(const Ray rays[kTileRays], TilePacket& p)
+{
+    alignas(16) float v[3][3][kTileRays], seg[2][kTileRays];
+    for (int l = 0; l < kTileRays; ++l) {
+        for (int k = 0; k < 3; ++k) {
+            v[0][k][l] = rays[l].o[k];
+            v[1][k][l] = rays[l].d[k];
+            v[2][k][l] = rays[l].inv[k];
+        }
+        seg[0][l] = rays[l].tnear;
+        seg[1][l] = rays[l].tfar;
+    }
+    for (int g = 0; g < kPacketRegs; ++g) {
+        for (int k = 0; k < 3; ++k) {
+            p.o[g][k] = lanes::Float4::load(v[0][k] + 4 * g);
+            p.d[g][k] = lanes::Float4::load(v[1][k] + 4 * g);
+            p.inv[g][k] = lanes::Float4::load(v[2][k] + 4 * g);
+        }
+        p.tnear[g] = lanes::Float4::load(seg[0] + 4 * g);
+        p.tfar[g] = lanes::Float4::load(seg[1] + 4 * g);
+    }
+}
+
 /*
- * Sets up every ray of the block tile by tile, four rays at a time:
+ * Sets up every ray of the block tile by tile, four rays at a time, and walks them:
  * setUpRow(index, valid, row) sets up the rays of `valid` (lane bits) at block elements index[]
- * and returns those with something to walk. In each tile the rays sharing a sign pattern walk
- * together (packet(p, lanes, index)) and a ray whose pattern no other shares walks alone
- * (single(ray, i)).
+ * and returns those with something to walk; then walkTile runs packet(p, lanes, index) and
+ * single(ray, i).
  */
 template <class SetUpRow, class Single, class PacketFn>
 void traceTiles(PacketSize block, SetUpRow setUpRow, Single single, PacketFn packet)
 {
     TilePacket p;
-    for (int y = 0; y < block.height; y += kPacketRegs)
-        for (int x = 0; x < block.width; x += 4) {
-            std::size_t index[kTileRays] = {};
-            unsigned ready = 0, group[8] = {};
-            int pattern[kTileRays] = {};
-            for (int g = 0; g < kPacketRegs; ++g) {
-                RowRays r{};
-                unsigned valid = 0;
-                for (int l = 0; l < 4 && y + g < block.height && x + l < block.width; ++l) {
-                    index[4 * g + l] = std::size_t(y + g) * std::size_t(block.width) + (x + l);
-                    valid |= 1u << l;
-                }
-                const unsigned rowReady = valid ? setUpRow(index + 4 * g, valid, r) : 0u;
-                for (int k = 0; k < 3; ++k)
-                    p.o[g][k] = r.o[k], p.d[g][k] = r.d[k], p.inv[g][k] = r.inv[k];
-                p.tnear[g] = r.tnear;
-                p.tfar[g] = r.tfar;
-                const int neg[3] = {lanes::bits(r.negative[0]), lanes::bits(r.negative[1]),
-                                    lanes::bits(r.negative[2])};
-                for (int l = 0; l < 4; ++l) {
-                    if (!(rowReady >> l & 1)) continue;
-                    const int signs =
-                        (neg[0] >> l & 1) | (neg[1] >> l & 1) << 1 | (neg[2] >> l & 1) << 2;
-                    pattern[4 * g + l] = signs;
-                    group[signs] |= 1u << (4 * g + l);
-                }
-                ready |= rowReady << (4 * g);
-            }
-            // Every sign pattern that two or more rays share walks as a packet of its own.
-            for (int q = 0; q < 8; ++q) {
-                const unsigned lanes = group[q];
-                if (__builtin_popcount(lanes) < 2) continue;
-                for (int k = 0; k < 3; ++k) p.sign[k] = q >> k & 1;
-                packet(p, lanes, index);
-                ready &= ~lanes;
-            }
-            for (int l = 0; l < kTileRays; ++l) {
-                if (!(ready >> l & 1)) continue;
-                Ray r = laneRay(p, l, pattern[l]);
-                single(r, index[l]);
-            }
+    forEachTile(block, [&](const std::size_t* index, unsigned valid) {
+        unsigned ready = 0;
+        int pattern[kTileRays] = {};
+        for (int g = 0; g < kPacketRegs; ++g) {
+            RowRays r{};
+            const unsigned rowValid = valid >> (4 * g) & 15u;
+            const unsigned rowReady = rowValid ? setUpRow(index + 4 * g, rowValid, r) : 0u;
+            for (int k = 0; k < 3; ++k)
+                p.o[g][k] = r.o[k], p.d[g][k] = r.d[k], p.inv[g][k] = r.inv[k];
+            p.tnear[g] = r.tnear;
+            p.tfar[g] = r.tfar;
+            lanePatterns(r.negative, g, rowReady, pattern);
+            ready |= rowReady << (4 * g);
         }
+        if (ready == 0) return;  // a masked or missed tile needs no grouping
+        walkTile(
+            p, ready, pattern, [&](Ray& ray, int l) { single(ray, index[l]); },
+            [&](TilePacket& q, unsigned lanes) { packet(q, lanes, index); });
+    });
 }
 
 // Whether the block's rays go separate ways: most neighbours among its first rays differ in
@@ -245,62 +298,109 @@ void intersectLayers(const float origin[3], const float* const dir[3], float* di
     const std::size_t plane = std::size_t(volume.width) * std::size_t(volume.height);
     std::fill(triangle, triangle + plane * std::size_t(layers), -1);
 
-    // What a ray carries from layer to layer.
-    struct Recent {
-        int ring[kRecentTriangles];
-        int layer;
-    } recent;
-    auto nextLayer = [&](int previous, std::size_t at, LayerHit& h) {
-        h.best = dist[at];
-        h.ring = recent.ring;
-        h.ringSlots = (recent.layer - 1) % kRecentTriangles;
-        h.previous = previous;
-    };
-    auto finish = [&](std::size_t i, int, Ray& ray, LayerHit& h) {
-        const int layer = recent.layer;
-        const std::size_t at = std::size_t(layer - 1) * plane + i;
-        if (h.triangle < 0) return false;
-        const float t = h.best;
-        triangle[at] = h.triangle;
-        hit[0][at] = h.p;
-        hit[1][at] = h.q;
-        dist[at] = layer > 1 ? t + dist[at - plane] : t;
-        for (int k = 0; k < 3; ++k) ray.o[k] = ray.o[k] + ray.d[k] * t;
-        recent.ring[(layer - 1) % kRecentTriangles] = h.triangle;
-        if (layer == layers) return false;
-
-        // The next layer starts at the hit and runs to where the ray leaves the box.
-        dist[at + plane] = kFloatMax;
-        reenterBox(ctx.pBound, ray);
-        recent.layer = layer + 1;
-        nextLayer(h.triangle, at + plane, h);
-        h.triangle = -1;
-        return true;
-    };
-
     // The first layer has no previous triangle and consults no ring slot: it is the nearest
     // hit with the layered query's node epsilon, and walks in tiles as eye rays do.
-    nearestHits(Origins{origin, nullptr}, dir, dist, hit, triangle, ctx,
-                PacketSize{volume.width, volume.height}, kLayerEpsilon);
+    const PacketSize block{volume.width, volume.height};
+    nearestHits(Origins{origin, nullptr}, dir, dist, hit, triangle, ctx, block, kLayerEpsilon);
     if (layers == 1) return;
 
-    // Each ray with a first hit goes on from there, set up as it was for the first layer.
-    auto start = [&](std::size_t i, int slot, Ray& ray, LayerHit& h) {
-        if (triangle[i] < 0) return false;
-        for (int k = 0; k < 3; ++k) ray.o[k] = origin[k];
-        loadRay(dir, i, ray.d);
-        setUpInverses(ray);
-        recent.layer = 1;
-        h.triangle = triangle[i];
-        h.best = dist[i];
-        h.p = hit[0][i];
-        h.q = hit[1][i];
-        return finish(i, slot, ray, h);
-    };
-    // The rays share an origin and run through the block in order, so each walk finds the
-    // nodes of its neighbour's in the cache and its branches taken the same way; taking turns
-    // would lose both (measured: half the speed on the large scenes).
-    walkInterleaved<1, LayerHit>(ctx.pRootNode, ctx.pAccel, kLayerEpsilon, plane, start, finish);
+    // Later layers go tile by tile, layer after layer: each ray with a hit goes on from it with
+    // the inverses and sign flags of its first layer, and the rays of the tile that still walk
+    // and share a sign pattern walk each layer as one packet.
+    forEachTile(block, [&](const std::size_t* index, unsigned valid) {
+        Ray rays[kTileRays] = {};
+        int pattern[kTileRays] = {};
+        struct Recent {
+            int ring[kRecentTriangles];
+            int previous;
+        } recent[kTileRays];
+
+        // Records lane l's hit of `layer` and moves the ray to it; true when it walks again.
+        auto advance = [&](int l, int layer, int tri, float t, float p, float q) {
+            const std::size_t i = index[l], at = std::size_t(layer - 1) * plane + i;
+            triangle[at] = tri;
+            hit[0][at] = p;
+            hit[1][at] = q;
+            dist[at] = layer > 1 ? t + dist[at - plane] : t;
+            Ray& ray = rays[l];
+            for (int k = 0; k < 3; ++k) ray.o[k] = ray.o[k] + ray.d[k] * t;
+            recent[l].ring[(layer - 1) % kRecentTriangles] = recent[l].previous = tri;
+            if (layer == layers) return false;
+
+            // The next layer starts at the hit and runs to where the ray leaves the box.
+            dist[at + plane] = kFloatMax;
+            reenterBox(ctx.pBound, ray);
+            return true;
+        };
+        unsigned alive = 0;
+        for (int l = 0; l < kTileRays; ++l) {
+            const std::size_t i = index[l];
+            if (!(valid >> l & 1) || triangle[i] < 0) continue;
+            Ray& ray = rays[l];
+            for (int k = 0; k < 3; ++k) ray.o[k] = origin[k];
+            loadRay(dir, i, ray.d);
+            setUpInverses(ray);
+            pattern[l] = ray.sign[0] | ray.sign[1] << 1 | ray.sign[2] << 2;
+            if (advance(l, 1, triangle[i], dist[i], hit[0][i], hit[1][i])) alive |= 1u << l;
+        }
+        TilePacket p;
+        for (int layer = 2; alive; ++layer) {
+            const int ringSlots = (layer - 1) % kRecentTriangles;
+            const std::size_t layerAt = std::size_t(layer - 1) * plane;
+            int tri[kTileRays];
+            float t[kTileRays], u[kTileRays], v[kTileRays];
+            gatherRays(rays, p);
+            walkTile(
+                p, alive, pattern,
+                [&](Ray& ray, int l) {
+                    LayerHit h;
+                    h.best = dist[layerAt + index[l]];
+                    h.ring = recent[l].ring;
+                    h.ringSlots = ringSlots;
+                    h.previous = recent[l].previous;
+                    walkTree(ctx.pRootNode, ctx.pAccel, kLayerEpsilon, ray, h);
+                    tri[l] = h.triangle, t[l] = h.best, u[l] = h.p, v[l] = h.q;
+                },
+                [&](TilePacket& q, unsigned lanes) {
+                    LayerHit4 h[kPacketRegs];
+                    for (int g = 0; g < kPacketRegs; ++g) {
+                        alignas(16) float best[4] = {};
+                        alignas(16) int previous[4] = {}, ring[kRecentTriangles][4] = {};
+                        for (int l = 0; l < 4; ++l) {
+                            const int lane = 4 * g + l;
+                            if (!(lanes >> lane & 1)) continue;
+                            best[l] = dist[layerAt + index[lane]];
+                            previous[l] = recent[lane].previous;
+                            for (int s = 0; s < ringSlots; ++s) ring[s][l] = recent[lane].ring[s];
+                        }
+                        h[g].best = lanes::Float4::load(best);
+                        h[g].previous = _mm_load_si128(reinterpret_cast<const __m128i*>(previous));
+                        for (int s = 0; s < ringSlots; ++s)
+                            h[g].ring[s] =
+                                _mm_load_si128(reinterpret_cast<const __m128i*>(ring[s]));
+                        h[g].ringSlots = ringSlots;
+                    }
+                    walkPacket(ctx.pRootNode, ctx.pAccel, kLayerEpsilon, q, lanes, h, nullptr);
+                    for (int g = 0; g < kPacketRegs; ++g) {
+                        alignas(16) float gt[4], gu[4], gv[4];
+                        alignas(16) int gtri[4];
+                        h[g].best.store(gt);
+                        h[g].p.store(gu);
+                        h[g].q.store(gv);
+                        h[g].triangle.store(gtri);
+                        for (int l = 0; l < 4; ++l) {
+                            const int lane = 4 * g + l;
+                            if (!(lanes >> lane & 1)) continue;  // other groups' lanes stay
+                            tri[lane] = gtri[l], t[lane] = gt[l], u[lane] = gu[l], v[lane] = gv[l];
+                        }
+                    }
+                });
+            for (int l = 0; l < kTileRays; ++l) {
+                if (!(alive >> l & 1)) continue;
+                if (tri[l] < 0 || !advance(l, layer, tri[l], t[l], u[l], v[l])) alive &= ~(1u << l);
+            }
+        }
+    });
 }
 
 void intersectAny(const float origin[3], const float* const dir[3], int* triangle, int* mask,

@@ -108,7 +108,7 @@ void walkPacket(const KDTreeNode* root, const TriangleAccel* accel, float epsilo
             const int n = list[k];
             if (accel[n].axes == 0) continue;
             for (int g = 0; g < kRegs; ++g) {
-                const unsigned regActive = regLanes(active, g);
+                const unsigned regActive = regLanes(active, g) & ~hits[g].skipLanes(n);
                 if (!regActive) continue;
                 Float4 t, p, q;
                 const lanes::Mask4 hit = hitTriangle(accel[n], r.o[g], r.d[g], hits[g].best,
