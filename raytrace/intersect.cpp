@@ -106,6 +106,23 @@ void walkTile(TilePacket& p, unsigned ready, const int pattern[], Single single,
     }
 }
 
+// Calls take(l, triangle, t, p, q) with the outcome of each lane l of `lanes` in the packet's
+// nearest-hit policies; the tile's other lanes, walked in other groups, are left alone.
+template <class Hits, class Take>
+void takeResults(const Hits h[kPacketRegs], unsigned lanes, Take take)
+{
+    for (int g = 0; g < kPacketRegs; ++g) {
+        alignas(16) float t[4], p[4], q[4];
+        alignas(16) int tri[4];
+        h[g].best.store(t);
+        h[g].p.store(p);
+        h[g].q.store(q);
+        h[g].triangle.store(tri);
+        for (int l = 0; l < 4; ++l)
+            if (lanes >> (4 * g + l) & 1) take(4 * g + l, tri[l], t[l], p[l], q[l]);
+    }
+}
+
 // The rays of a tile into the packet's registers, lane l from rays[l].
 void gatherRays(const Ray rays[kTileRays], TilePacket& p)
 {
@@ -262,22 +279,14 @@ void nearestHits(Origins origin, const float* const dir[3], float* dist, float* 
         NearestHit4 h[kPacketRegs];
         for (int g = 0; g < kPacketRegs; ++g) h[g].best = lanes::Float4::load(best + 4 * g);
         walkPacket(ctx.pRootNode, ctx.pAccel, epsilon, p, lanes, h, origin.shared);
-        for (int g = 0; g < kPacketRegs; ++g) {
-            alignas(16) float t[4], u[4], v[4];
-            alignas(16) int tri[4];
-            h[g].best.store(t);
-            h[g].p.store(u);
-            h[g].q.store(v);
-            h[g].triangle.store(tri);
-            for (int l = 0; l < 4; ++l) {
-                if (!(lanes >> (4 * g + l) & 1) || tri[l] < 0) continue;
-                const std::size_t i = index[4 * g + l];
-                dist[i] = t[l];
-                hit[0][i] = u[l];
-                hit[1][i] = v[l];
-                triangle[i] = tri[l];
-            }
-        }
+        takeResults(h, lanes, [&](int l, int tri, float t, float u, float v) {
+            if (tri < 0) return;
+            const std::size_t i = index[l];
+            dist[i] = t;
+            hit[0][i] = u;
+            hit[1][i] = v;
+            triangle[i] = tri;
+        });
     };
     traceTiles(block, setUpRow, single, packet);
 }
@@ -381,19 +390,10 @@ void intersectLayers(const float origin[3], const float* const dir[3], float* di
                         h[g].ringSlots = ringSlots;
                     }
                     walkPacket(ctx.pRootNode, ctx.pAccel, kLayerEpsilon, q, lanes, h, nullptr);
-                    for (int g = 0; g < kPacketRegs; ++g) {
-                        alignas(16) float gt[4], gu[4], gv[4];
-                        alignas(16) int gtri[4];
-                        h[g].best.store(gt);
-                        h[g].p.store(gu);
-                        h[g].q.store(gv);
-                        h[g].triangle.store(gtri);
-                        for (int l = 0; l < 4; ++l) {
-                            const int lane = 4 * g + l;
-                            if (!(lanes >> lane & 1)) continue;  // other groups' lanes stay
-                            tri[lane] = gtri[l], t[lane] = gt[l], u[lane] = gu[l], v[lane] = gv[l];
-                        }
-                    }
+                    takeResults(h, lanes,
+                                [&](int l, int hitTri, float hitT, float hitP, float hitQ) {
+                                    tri[l] = hitTri, t[l] = hitT, u[l] = hitP, v[l] = hitQ;
+                                });
                 });
             for (int l = 0; l < kTileRays; ++l) {
                 if (!(alive >> l & 1)) continue;
