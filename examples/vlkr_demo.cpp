@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -30,7 +31,8 @@ namespace {
 
 constexpr float kPi = 3.14159265358979f;
 constexpr int kBlock = 32;          // pixel block edge handed to one worker at a time
-constexpr int kMaxImageEdge = 16384; // keeps the per-image buffers within reason
+constexpr int kMaxImageEdge = 8192;          // longest image side accepted
+constexpr long kMaxImagePixels = 1L << 25;    // keeps the picture buffers within reason
 constexpr int kLayers = 8;          // depth of the layered query
 constexpr float kFar = 1e30f;       // "no limit" for the nearest-hit searches
 constexpr float kHitEps = 0.999f;   // hit points slightly in front of the surface
@@ -372,9 +374,10 @@ bool projectSky(Ambient& amb, ErrorSink& errors)
         return false;
     // Cosine lobe per band divided by pi gives outgoing radiance of a white diffuse surface.
     const float band[3] = {1.0f, 2.0f / 3.0f, 0.25f};
+    constexpr float kAmbientShare = 0.55f; // sky light kept low so the two lamps set the mood
     for (auto& c : amb.coeffs)
         for (int l = 0; l <= kShOrder; ++l)
-            for (int m = -l; m <= l; ++m) c[l * l + l + m] *= band[l] * 4 * kPi / kShSamples;
+            for (int m = -l; m <= l; ++m) c[l * l + l + m] *= kAmbientShare * band[l] * 4 * kPi / kShSamples;
     return true;
 }
 
@@ -788,7 +791,7 @@ bool volumeDemo(Image& out, ErrorSink& errors)
     std::vector<float> xm(voxels), ym(voxels), zm(voxels);
     std::vector<const float*> xp(n), yp(n), zp(n);
     for (int z = 0; z < n; ++z) {
-        const float angle = 1.2f * (z - 0.5f * n) / n;
+        const float angle = 0.5f + 2.0f * (z - 0.5f * n) / n;
         const float cs = std::cos(angle), sn = std::sin(angle);
         for (int y = 0; y < n; ++y)
             for (int x = 0; x < n; ++x) {
@@ -870,7 +873,8 @@ bool parseSize(const std::string& text, int& w, int& h)
 {
     const size_t x = text.find('x');
     if (x == std::string::npos) return false;
-    return parseInt(text.substr(0, x).c_str(), w) && parseInt(text.substr(x + 1).c_str(), h);
+    return parseInt(text.substr(0, x).c_str(), w) && parseInt(text.substr(x + 1).c_str(), h) &&
+           static_cast<long>(w) * h <= kMaxImagePixels;
 }
 
 bool parseOptions(int argc, char** argv, Options& o, std::string& error)
@@ -897,7 +901,8 @@ bool parseOptions(int argc, char** argv, Options& o, std::string& error)
             o.mesh = value;
         } else if (arg == "--size") {
             if (!parseSize(value, o.width, o.height)) {
-                error = "bad size " + value + " (want WxH, each 1 to " + std::to_string(kMaxImageEdge) + ")";
+                error = "bad size " + value + " (want WxH, each 1 to " + std::to_string(kMaxImageEdge) +
+                        ", at most " + std::to_string(kMaxImagePixels) + " pixels)";
                 return false;
             }
         } else if (arg == "--threads") {
@@ -943,7 +948,7 @@ int fail(const std::string& message)
 
 } // namespace
 
-int main(int argc, char** argv)
+static int run(int argc, char** argv)
 {
     Options o;
     std::string error;
@@ -1021,4 +1026,14 @@ int main(int argc, char** argv)
         printf("volume.png: %dx%d in %.2f s\n", image.width, image.height, since(t0));
     }
     return 0;
+}
+
+int main(int argc, char** argv)
+{
+    // Out of memory or out of threads still ends with one line, not an abort.
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& e) {
+        return fail(std::string("stopped: ") + e.what());
+    }
 }
