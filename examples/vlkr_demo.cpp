@@ -8,8 +8,8 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
-#include <cstdio>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -30,14 +30,14 @@
 namespace {
 
 constexpr float kPi = 3.14159265358979f;
-constexpr int kBlock = 32;          // pixel block edge handed to one worker at a time
-constexpr int kMaxImageEdge = 8192;          // longest image side accepted
-constexpr long kMaxImagePixels = 1L << 25;    // keeps the picture buffers within reason
-constexpr int kLayers = 8;          // depth of the layered query
-constexpr float kFar = 1e30f;       // "no limit" for the nearest-hit searches
-constexpr float kHitEps = 0.999f;   // hit points slightly in front of the surface
-constexpr int kShOrder = 2;         // irradiance needs bands 0..2 only
-constexpr int kShSamples = 4096;    // sky samples for the projection
+constexpr int kBlock = 32;                  // pixel block edge handed to one worker at a time
+constexpr int kMaxImageEdge = 8192;         // longest image side accepted
+constexpr long kMaxImagePixels = 1L << 25;  // keeps the picture buffers within reason
+constexpr int kLayers = 8;                  // depth of the layered query
+constexpr float kFar = 1e30f;               // "no limit" for the nearest-hit searches
+constexpr float kHitEps = 0.999f;           // hit points slightly in front of the surface
+constexpr int kShOrder = 2;                 // irradiance needs bands 0..2 only
+constexpr int kShSamples = 4096;            // sky samples for the projection
 
 // One error message for the whole run; the first one wins.
 struct ErrorSink {
@@ -143,20 +143,25 @@ Vec3 normalize(Vec3 a) { return a * (1.0f / std::sqrt(dot(a, a))); }
 
 struct Material {
     float albedo[3];
-    float mirror; // share of the colour taken from the reflected ray
+    float mirror;  // share of the colour taken from the reflected ray
 };
 
 struct Scene {
-    std::vector<float> vertices;    // packed x, y, z
-    std::vector<float> normals;     // one per vertex, packed
-    std::vector<int> triangles;     // a, b, c, unused
-    std::vector<int> material;      // per triangle
+    std::vector<float> vertices;     // packed x, y, z
+    std::vector<float> normals;      // one per vertex, then the mesh file's own, packed
+    std::vector<float> fileNormals;  // normals read from the mesh file, packed
+    std::vector<int> normalIndex;    // per triangle: three normal numbers, unused; see below
+    std::vector<int> triangles;      // a, b, c, unused
+    std::vector<int> material;       // per triangle
     std::vector<Material> materials;
     std::vector<TriangleAccel> accel;
     float box[6] = {};
     KDTreeNode* tree = nullptr;
     int treeSize = 0;
-    ~Scene() { if (tree) vlkrKDTreeFree(tree); }
+    ~Scene()
+    {
+        if (tree) vlkrKDTreeFree(tree);
+    }
     int vertexCount() const { return static_cast<int>(vertices.size() / 3); }
     int triangleCount() const { return static_cast<int>(triangles.size() / 4); }
     int addVertex(Vec3 p)
@@ -164,17 +169,22 @@ struct Scene {
         vertices.insert(vertices.end(), {p.x, p.y, p.z});
         return vertexCount() - 1;
     }
-    void addTriangle(int a, int b, int c, int m)
+    // Normal numbers below zero name file normal -1 - n until finishNormals resolves them.
+    void addTriangle(int a, int b, int c, int m, const int* normal = nullptr)
     {
         triangles.insert(triangles.end(), {a, b, c, 0});
+        if (normal)
+            normalIndex.insert(normalIndex.end(), {normal[0], normal[1], normal[2], 0});
+        else
+            normalIndex.insert(normalIndex.end(), {a, b, c, 0});
         material.push_back(m);
     }
 };
 
 float terrainHeight(float x, float z)
 {
-    return 0.45f * std::sin(0.55f * x) * std::cos(0.42f * z) + 0.25f * std::sin(1.3f * x + 0.7f * z) +
-           0.012f * (x * x + z * z) - 0.8f;
+    return 0.45f * std::sin(0.55f * x) * std::cos(0.42f * z) +
+           0.25f * std::sin(1.3f * x + 0.7f * z) + 0.012f * (x * x + z * z) - 0.8f;
 }
 
 void addTerrain(Scene& s, int material)
@@ -203,7 +213,8 @@ void addSphere(Scene& s, Vec3 centre, float radius, int material)
         for (int j = 0; j < kSlices; ++j) {
             const float th = kPi * i / kStacks, ph = 2 * kPi * j / kSlices;
             s.addVertex(centre + Vec3{std::sin(th) * std::cos(ph), std::cos(th),
-                                      std::sin(th) * std::sin(ph)} * radius);
+                                      std::sin(th) * std::sin(ph)} *
+                                     radius);
         }
     for (int i = 0; i < kStacks; ++i)
         for (int j = 0; j < kSlices; ++j) {
@@ -226,7 +237,8 @@ bool addMesh(Scene& s, const std::string& path, float x, float z, float height, 
         return false;
     }
     if (!tinyobj::LoadObj(&attrib, &shapes, &materials, &warn, &err, path.c_str(), nullptr, true)) {
-        error = "cannot load mesh " + path + (err.empty() ? "" : ": " + err.substr(0, err.find('\n')));
+        error =
+            "cannot load mesh " + path + (err.empty() ? "" : ": " + err.substr(0, err.find('\n')));
         return false;
     }
     const size_t vertexCount = attrib.vertices.size() / 3;
@@ -250,28 +262,38 @@ bool addMesh(Scene& s, const std::string& path, float x, float z, float height, 
         return false;
     }
     const float scale = height / extent;
-    const Vec3 base = {x - 0.5f * (lo[0] + hi[0]) * scale, terrainHeight(x, z) - 0.1f - lo[1] * scale,
+    const Vec3 base = {x - 0.5f * (lo[0] + hi[0]) * scale,
+                       terrainHeight(x, z) - 0.1f - lo[1] * scale,
                        z - 0.5f * (lo[2] + hi[2]) * scale};
     const int first = s.vertexCount();
     for (size_t v = 0; v < vertexCount; ++v)
         s.addVertex(base + Vec3{attrib.vertices[3 * v], attrib.vertices[3 * v + 1],
-                                attrib.vertices[3 * v + 2]} * scale);
+                                attrib.vertices[3 * v + 2]} *
+                               scale);
+    // The file's normals are used where a face gives one for each corner.
+    const size_t fileNormals = attrib.normals.size() / 3;
+    const int firstNormal = static_cast<int>(s.fileNormals.size() / 3);
+    for (float c : attrib.normals) s.fileNormals.push_back(std::isfinite(c) ? c : 0.0f);
     size_t triangles = 0;
     for (const auto& shape : shapes) {
         const auto& idx = shape.mesh.indices;
         size_t at = 0;
         for (unsigned char n : shape.mesh.num_face_vertices) {
             if (n == 3) {
-                int corner[3];
+                int corner[3], normal[3];
+                bool ownNormals = true;
                 for (int k = 0; k < 3; ++k) {
-                    const int vi = idx[at + k].vertex_index;
+                    const int vi = idx[at + k].vertex_index, ni = idx[at + k].normal_index;
                     if (vi < 0 || static_cast<size_t>(vi) >= vertexCount) {
                         error = "mesh " + path + " has a face index out of range";
                         return false;
                     }
                     corner[k] = first + vi;
+                    ownNormals = ownNormals && ni >= 0 && static_cast<size_t>(ni) < fileNormals;
+                    normal[k] = -1 - (firstNormal + ni);
                 }
-                s.addTriangle(corner[0], corner[1], corner[2], material);
+                s.addTriangle(corner[0], corner[1], corner[2], material,
+                              ownNormals ? normal : nullptr);
                 ++triangles;
             }
             at += n;
@@ -284,7 +306,8 @@ bool addMesh(Scene& s, const std::string& path, float x, float z, float height, 
     return true;
 }
 
-// Vertex normals as the sum of the unit normals of the triangles around each vertex.
+// Vertex normals as the sum of the unit normals of the triangles around each vertex, followed
+// by the normals the mesh file brought.
 bool computeVertexNormals(Scene& s, ErrorSink& errors)
 {
     std::vector<float> faces(3 * static_cast<size_t>(s.triangleCount()));
@@ -294,17 +317,22 @@ bool computeVertexNormals(Scene& s, ErrorSink& errors)
     s.normals.assign(s.vertices.size(), 0.0f);
     for (int t = 0; t < s.triangleCount(); ++t)
         for (int k = 0; k < 3; ++k)
-            for (int c = 0; c < 3; ++c) s.normals[3 * s.triangles[4 * t + k] + c] += faces[3 * t + c];
+            for (int c = 0; c < 3; ++c)
+                s.normals[3 * s.triangles[4 * t + k] + c] += faces[3 * t + c];
+    const int own = s.vertexCount();
+    s.normals.insert(s.normals.end(), s.fileNormals.begin(), s.fileNormals.end());
+    for (int& n : s.normalIndex)
+        if (n < 0) n = own + (-1 - n);
     return true;
 }
 
 bool buildScene(Scene& s, const std::string& meshPath, std::string& error, ErrorSink& errors)
 {
-    s.materials = {{{0.42f, 0.55f, 0.30f}, 0.0f},  // terrain
-                   {{0.95f, 0.95f, 0.97f}, 0.85f}, // mirror sphere
-                   {{0.85f, 0.25f, 0.20f}, 0.0f},  // red sphere
-                   {{0.25f, 0.45f, 0.90f}, 0.15f}, // blue sphere
-                   {{0.90f, 0.82f, 0.70f}, 0.0f}}; // mesh
+    s.materials = {{{0.42f, 0.55f, 0.30f}, 0.0f},   // terrain
+                   {{0.95f, 0.95f, 0.97f}, 0.85f},  // mirror sphere
+                   {{0.85f, 0.25f, 0.20f}, 0.0f},   // red sphere
+                   {{0.25f, 0.45f, 0.90f}, 0.15f},  // blue sphere
+                   {{0.90f, 0.82f, 0.70f}, 0.0f}};  // mesh
     addTerrain(s, 0);
     addSphere(s, {-3.4f, terrainHeight(-3.4f, 1.5f) + 1.3f, 1.5f}, 1.5f, 1);
     addSphere(s, {3.3f, terrainHeight(3.3f, -0.6f) + 0.75f, -0.6f}, 0.8f, 2);
@@ -374,10 +402,11 @@ bool projectSky(Ambient& amb, ErrorSink& errors)
         return false;
     // Cosine lobe per band divided by pi gives outgoing radiance of a white diffuse surface.
     const float band[3] = {1.0f, 2.0f / 3.0f, 0.25f};
-    constexpr float kAmbientShare = 0.55f; // sky light kept low so the two lamps set the mood
+    constexpr float kAmbientShare = 0.55f;  // sky light kept low so the two lamps set the mood
     for (auto& c : amb.coeffs)
         for (int l = 0; l <= kShOrder; ++l)
-            for (int m = -l; m <= l; ++m) c[l * l + l + m] *= kAmbientShare * band[l] * 4 * kPi / kShSamples;
+            for (int m = -l; m <= l; ++m)
+                c[l * l + l + m] *= kAmbientShare * band[l] * 4 * kPi / kShSamples;
     return true;
 }
 
@@ -393,15 +422,17 @@ Camera makeCamera(int width, int height)
     const Vec3 eye = {0.6f, 3.6f, -11.5f}, target = {0.0f, 0.9f, 1.0f};
     const Vec3 fwd = normalize(target - eye), right = normalize(cross({0, 1, 0}, fwd));
     const Vec3 up = cross(fwd, right);
-    const float pixel = 2 * std::tan(0.5f * 50.0f * kPi / 180) / height; // 50 degrees vertically
-    const Vec3 corner = fwd + right * (pixel * (0.5f - 0.5f * width)) + up * (pixel * (0.5f * height - 0.5f));
+    const float pixel = 2 * std::tan(0.5f * 50.0f * kPi / 180) / height;  // 50 degrees vertically
+    const Vec3 corner =
+        fwd + right * (pixel * (0.5f - 0.5f * width)) + up * (pixel * (0.5f * height - 0.5f));
     const Vec3 column = right * pixel, row = up * -pixel;
-    return {eye, {corner.x, corner.y, corner.z}, {column.x, column.y, column.z}, {row.x, row.y, row.z}};
+    return {
+        eye, {corner.x, corner.y, corner.z}, {column.x, column.y, column.z}, {row.x, row.y, row.z}};
 }
 
 struct Light {
     float position[3];
-    float colour[3]; // intensity at distance 1
+    float colour[3];  // intensity at distance 1
 };
 
 struct RayCounts {
@@ -416,7 +447,10 @@ struct RayCounts {
 };
 
 using Clock = std::chrono::steady_clock;
-double since(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
+double since(Clock::time_point t)
+{
+    return std::chrono::duration<double>(Clock::now() - t).count();
+}
 
 // Planar per-ray arrays of one packet, sized for a full block.
 struct Planes {
@@ -436,7 +470,7 @@ struct Tracer {
     RayCounts counts;
 
     // Per-packet scratch, reused by every block the worker takes.
-    Planes p{32, kBlock * kBlock * kLayers};
+    Planes p{32, kBlock* kBlock* kLayers};
     std::vector<int> tri = std::vector<int>(kBlock * kBlock * kLayers);
     std::vector<int> mask = std::vector<int>(kBlock * kBlock), lightMask = mask, occluder = mask;
     std::vector<int> tri2 = mask, index = mask;
@@ -456,14 +490,15 @@ struct Tracer {
         for (int i = 0; i < len; ++i) mask[i] = triangle[i] >= 0 ? 0 : -1;
 
         if (eye) {
-            if (!VLK(vlkrHitPoint3DEpsS0_32f_M(eye, dir, dist, mask.data(), hitPoint, len, kHitEps)))
+            if (!VLK(
+                    vlkrHitPoint3DEpsS0_32f_M(eye, dir, dist, mask.data(), hitPoint, len, kHitEps)))
                 return false;
         } else if (!VLK(vlkrHitPoint3DEpsM0_32f_M(origin, dir, dist, mask.data(), hitPoint, len,
                                                   kHitEps))) {
             return false;
         }
-        if (!VLK(vlkrSurfSmoothNormal_32f(scene.normals.data(), scene.triangles.data(), triangle, hit,
-                                          normal, len, 4)) ||
+        if (!VLK(vlkrSurfSmoothNormal_32f(scene.normals.data(), scene.normalIndex.data(), triangle,
+                                          hit, normal, len, 4)) ||
             !VLK(vlkrDotChangeNorm_32f_IM(dir, mask.data(), normal, facing, len)))
             return false;
 
@@ -491,8 +526,8 @@ struct Tracer {
         for (int l = 0; l < lightCount; ++l) {
             const Light& light = lights[l];
             std::copy(mask.begin(), mask.begin() + len, lightMask.begin());
-            if (!VLK(vlkrCastShadowSO_32f(light.position, facing, normal, hitPoint, lightMask.data(),
-                                          cosine, shadowDir, len)))
+            if (!VLK(vlkrCastShadowSO_32f(light.position, facing, normal, hitPoint,
+                                          lightMask.data(), cosine, shadowDir, len)))
                 return false;
             if (shadows) {
                 int traced = 0;
@@ -536,7 +571,8 @@ struct Tracer {
         std::fill(dist, dist + len, kFar);
         const float eye[3] = {cam.eye.x, cam.eye.y, cam.eye.z};
         auto t0 = Clock::now();
-        if (!VLK(vlkrIntersectEyeSO_32f(eye, dir, dist, hit, tri.data(), &ctx, packet))) return false;
+        if (!VLK(vlkrIntersectEyeSO_32f(eye, dir, dist, hit, tri.data(), &ctx, packet)))
+            return false;
         counts.eyeSeconds += since(t0);
         counts.eye += len;
         if (!shade(eye, nullptr, dir, dist, hit, tri.data(), len, rgb, normal, hitPoint, true))
@@ -559,7 +595,8 @@ struct Tracer {
         float* dist2 = p[18];
         float* const hit2[2] = {p[19], p[19] + len};
         for (int k = 0; k < m; ++k)
-            for (int c = 0; c < 3; ++c) o2[c][k] = hitPoint[c][index[k]], d2[c][k] = reflected[c][index[k]];
+            for (int c = 0; c < 3; ++c)
+                o2[c][k] = hitPoint[c][index[k]], d2[c][k] = reflected[c][index[k]];
         std::fill(dist2, dist2 + m, kFar);
         t0 = Clock::now();
         if (!VLK(vlkrIntersectMO_32f(o2, d2, dist2, hit2, tri2.data(), &ctx, PacketSize{m, 1})))
@@ -623,7 +660,8 @@ struct Tracer {
         for (int y = 0; y < h; ++y)
             for (int x = 0; x < w; ++x) {
                 int count = 0;
-                while (count < kLayers && tri[static_cast<size_t>(count) * len + y * w + x] >= 0) ++count;
+                while (count < kLayers && tri[static_cast<size_t>(count) * len + y * w + x] >= 0)
+                    ++count;
                 std::memcpy(out.at(bx * kBlock + x, by * kBlock + y), palette[count], 3);
             }
         return true;
@@ -677,7 +715,9 @@ bool runBlocks(int width, int height, int threads, const char* label, ErrorSink&
 struct Volume16 {
     int w, h, d;
     std::vector<Vlk16u> data;
-    Volume16(int w_, int h_, int d_) : w(w_), h(h_), d(d_), data(static_cast<size_t>(w_) * h_ * d_) {}
+    Volume16(int w_, int h_, int d_) : w(w_), h(h_), d(d_), data(static_cast<size_t>(w_) * h_ * d_)
+    {
+    }
     Vlk16u* plane(int z) { return data.data() + static_cast<size_t>(z) * w * h; }
     std::vector<Vlk16u*> planes()
     {
@@ -695,9 +735,10 @@ Volume16 makePhantom(int n)
     struct Blob {
         float cx, cy, cz, rx, ry, rz, value;
     };
-    const Blob blobs[] = {{0, 0, 0, 0.72f, 0.9f, 0.8f, 12000},     {0, 0, 0, 0.66f, 0.84f, 0.74f, -4000},
-                          {-0.25f, 0.1f, 0, 0.16f, 0.35f, 0.22f, 9000}, {0.25f, 0.1f, 0, 0.12f, 0.3f, 0.2f, 14000},
-                          {0, -0.45f, 0.2f, 0.1f, 0.1f, 0.1f, 20000},    {0, 0.5f, -0.2f, 0.22f, 0.12f, 0.3f, 6000}};
+    const Blob blobs[] = {
+        {0, 0, 0, 0.72f, 0.9f, 0.8f, 12000},          {0, 0, 0, 0.66f, 0.84f, 0.74f, -4000},
+        {-0.25f, 0.1f, 0, 0.16f, 0.35f, 0.22f, 9000}, {0.25f, 0.1f, 0, 0.12f, 0.3f, 0.2f, 14000},
+        {0, -0.45f, 0.2f, 0.1f, 0.1f, 0.1f, 20000},   {0, 0.5f, -0.2f, 0.22f, 0.12f, 0.3f, 6000}};
     Volume16 v(n, n, n);
     for (int z = 0; z < n; ++z)
         for (int y = 0; y < n; ++y)
@@ -706,10 +747,12 @@ Volume16 makePhantom(int n)
                             pz = 2.0f * (z + 0.5f) / n - 1;
                 float value = 0;
                 for (const Blob& b : blobs) {
-                    const float dx = (px - b.cx) / b.rx, dy = (py - b.cy) / b.ry, dz = (pz - b.cz) / b.rz;
+                    const float dx = (px - b.cx) / b.rx, dy = (py - b.cy) / b.ry,
+                                dz = (pz - b.cz) / b.rz;
                     if (dx * dx + dy * dy + dz * dz <= 1) value += b.value;
                 }
-                v.data[(static_cast<size_t>(z) * n + y) * n + x] = static_cast<Vlk16u>(std::max(0.0f, value));
+                v.data[(static_cast<size_t>(z) * n + y) * n + x] =
+                    static_cast<Vlk16u>(std::max(0.0f, value));
             }
     return v;
 }
@@ -737,7 +780,7 @@ bool volumeDemo(Image& out, ErrorSink& errors)
 {
     constexpr int kSource = 64, kTile = 160, kSteps = 5;
     constexpr double kScale = 1.5;
-    constexpr float kWindow = 26000.0f; // voxel value shown as white
+    constexpr float kWindow = 26000.0f;  // voxel value shown as white
     out.resize(3 * kTile, kSteps * kTile);
     Volume16 src = makePhantom(kSource);
     montageRow(src, 0, kTile, kWindow, out);
@@ -745,7 +788,8 @@ bool volumeDemo(Image& out, ErrorSink& errors)
     // Resize by 1.5 with a Catmull-Rom cubic.
     const Cuboid srcVoi = {0, 0, 0, kSource, kSource, kSource};
     Cuboid dstVoi;
-    if (!VLK(vlkrGetResizeCuboid(&srcVoi, &dstVoi, kScale, kScale, kScale, 0, 0, 0, vlkInterCatmullRom)))
+    if (!VLK(vlkrGetResizeCuboid(&srcVoi, &dstVoi, kScale, kScale, kScale, 0, 0, 0,
+                                 vlkInterCatmullRom)))
         return false;
     Volume16 big(dstVoi.x + dstVoi.width, dstVoi.y + dstVoi.height, dstVoi.z + dstVoi.depth);
     int bufSize = 0;
@@ -765,8 +809,10 @@ bool volumeDemo(Image& out, ErrorSink& errors)
     const VolumeSize bigSize = {big.w, big.h, big.d};
     const Cuboid whole = {0, 0, 0, big.w, big.h, big.d};
     const double a = 30 * 3.14159265358979 / 180, b = 20 * 3.14159265358979 / 180;
-    const double rz[3][3] = {{std::cos(a), -std::sin(a), 0}, {std::sin(a), std::cos(a), 0}, {0, 0, 1}};
-    const double rx[3][3] = {{1, 0, 0}, {0, std::cos(b), -std::sin(b)}, {0, std::sin(b), std::cos(b)}};
+    const double rz[3][3] = {
+        {std::cos(a), -std::sin(a), 0}, {std::sin(a), std::cos(a), 0}, {0, 0, 1}};
+    const double rx[3][3] = {
+        {1, 0, 0}, {0, std::cos(b), -std::sin(b)}, {0, std::sin(b), std::cos(b)}};
     double coeffs[3][4];
     const double c = 0.5 * (n - 1);
     for (int r = 0; r < 3; ++r) {
@@ -826,7 +872,8 @@ bool volumeDemo(Image& out, ErrorSink& errors)
                     static_cast<Vlk16s>(std::min<int>(twisted.at(sx, sy, sz), 32767));
             }
     std::vector<const Vlk16s*> paddedPlanes(pw);
-    for (int z = 0; z < pw; ++z) paddedPlanes[z] = padded.data() + (static_cast<size_t>(z) * pw + 1) * pw + 1;
+    for (int z = 0; z < pw; ++z)
+        paddedPlanes[z] = padded.data() + (static_cast<size_t>(z) * pw + 1) * pw + 1;
     std::vector<Vlk16s> smooth(voxels);
     std::vector<Vlk16s*> smoothPlanes(n);
     for (int z = 0; z < n; ++z) smoothPlanes[z] = smooth.data() + static_cast<size_t>(z) * n * n;
@@ -844,7 +891,8 @@ bool volumeDemo(Image& out, ErrorSink& errors)
                                  kernel, &kernelSize, anchor, 64, work.data())))
         return false;
     Volume16 filtered(n, n, n);
-    for (size_t i = 0; i < voxels; ++i) filtered.data[i] = static_cast<Vlk16u>(std::max<int>(0, smooth[i]));
+    for (size_t i = 0; i < voxels; ++i)
+        filtered.data[i] = static_cast<Vlk16u>(std::max<int>(0, smooth[i]));
     montageRow(filtered, 4, kTile, kWindow, out);
     return true;
 }
@@ -882,8 +930,9 @@ bool parseOptions(int argc, char** argv, Options& o, std::string& error)
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--help" || arg == "-h") {
-            error = "usage: vlkr-demo [--mesh FILE.obj] [--size WxH] [--threads N] [--out DIR] "
-                    "[--only render|layers|volume]";
+            error =
+                "usage: vlkr-demo [--mesh FILE.obj] [--size WxH] [--threads N] [--out DIR] "
+                "[--only render|layers|volume]";
             return false;
         }
         const bool takesValue = arg == "--mesh" || arg == "--size" || arg == "--threads" ||
@@ -901,8 +950,9 @@ bool parseOptions(int argc, char** argv, Options& o, std::string& error)
             o.mesh = value;
         } else if (arg == "--size") {
             if (!parseSize(value, o.width, o.height)) {
-                error = "bad size " + value + " (want WxH, each 1 to " + std::to_string(kMaxImageEdge) +
-                        ", at most " + std::to_string(kMaxImagePixels) + " pixels)";
+                error = "bad size " + value + " (want WxH, each 1 to " +
+                        std::to_string(kMaxImageEdge) + ", at most " +
+                        std::to_string(kMaxImagePixels) + " pixels)";
                 return false;
             }
         } else if (arg == "--threads") {
@@ -946,7 +996,7 @@ int fail(const std::string& message)
     return 1;
 }
 
-} // namespace
+}  // namespace
 
 static int run(int argc, char** argv)
 {
@@ -968,12 +1018,14 @@ static int run(int argc, char** argv)
     const bool all = o.only.empty();
     ErrorSink errors;
     const LibVersion* version = vlkrGetLibVersion();
-    printf("%s %s, %d thread%s\n", version->name, version->version, o.threads, o.threads > 1 ? "s" : "");
+    printf("%s %s, %d thread%s\n", version->name, version->version, o.threads,
+           o.threads > 1 ? "s" : "");
 
     if (all || o.only != "volume") {
         const auto t0 = Clock::now();
         Scene scene;
-        if (!buildScene(scene, o.mesh, error, errors)) return fail(error.empty() ? errors.message : error);
+        if (!buildScene(scene, o.mesh, error, errors))
+            return fail(error.empty() ? errors.message : error);
         printf("scene: %d triangles, tree of %d bytes, built in %.2f s\n", scene.triangleCount(),
                scene.treeSize, since(t0));
         Ambient ambient;
@@ -991,15 +1043,16 @@ static int run(int argc, char** argv)
             image.resize(o.width, o.height);
             RayCounts counts;
             const auto t1 = Clock::now();
-            if (!runBlocks(o.width, o.height, o.threads, "render", errors, makeTracer,
-                           [&](Tracer& t, int bx, int by) { return t.renderBlock(cam, bx, by, image); },
-                           counts))
+            if (!runBlocks(
+                    o.width, o.height, o.threads, "render", errors, makeTracer,
+                    [&](Tracer& t, int bx, int by) { return t.renderBlock(cam, bx, by, image); },
+                    counts))
                 return fail(errors.message);
             const double wall = since(t1);
             if (!writePng(o.out + "/render.png", image, error)) return fail(error);
             const long long rays = counts.eye + counts.shadow + counts.reflection;
-            printf("render.png: %dx%d in %.2f s, %.2f Mrays/s over all threads\n", o.width, o.height,
-                   wall, rays / wall / 1e6);
+            printf("render.png: %dx%d in %.2f s, %.2f Mrays/s over all threads\n", o.width,
+                   o.height, wall, rays / wall / 1e6);
             printRate("eye", counts.eye, counts.eyeSeconds);
             printRate("shadow", counts.shadow, counts.shadowSeconds);
             printRate("reflection", counts.reflection, counts.reflectionSeconds);
@@ -1009,9 +1062,10 @@ static int run(int argc, char** argv)
             image.resize(o.width, o.height);
             RayCounts counts;
             const auto t1 = Clock::now();
-            if (!runBlocks(o.width, o.height, o.threads, "layers", errors, makeTracer,
-                           [&](Tracer& t, int bx, int by) { return t.layerBlock(cam, bx, by, image); },
-                           counts))
+            if (!runBlocks(
+                    o.width, o.height, o.threads, "layers", errors, makeTracer,
+                    [&](Tracer& t, int bx, int by) { return t.layerBlock(cam, bx, by, image); },
+                    counts))
                 return fail(errors.message);
             if (!writePng(o.out + "/layers.png", image, error)) return fail(error);
             printf("layers.png: %dx%d in %.2f s\n", o.width, o.height, since(t1));
