@@ -675,6 +675,8 @@ bool runBlocks(int width, int height, int threads, const char* label, ErrorSink&
 {
     const int columns = (width + kBlock - 1) / kBlock, rows = (height + kBlock - 1) / kBlock;
     const int blocks = columns * rows;
+    // More workers than blocks would only hold idle scratch.
+    threads = std::min(threads, blocks);
     std::atomic<int> next{0}, done{0};
     std::vector<std::unique_ptr<Tracer>> tracers(threads);
     for (auto& t : tracers) t = makeTracer();
