@@ -125,6 +125,8 @@ def affine_transform(volume, matrix, offset=0.0, output_shape=None, order="linea
     The library refuses a matrix whose inverse has an all-zero diagonal (vlkStatusCoeff), and
     writes nothing for a near-singular one.
     """
+    if not isinstance(volume, np.ndarray):
+        raise TypeError(f"volume: expected a numpy array, got {type(volume).__name__}")
     m = np.asarray(matrix, dtype=np.float64)
     home = np.eye(4)
     if m.shape == (3,):
