@@ -3,7 +3,9 @@
 #include <pybind11/pybind11.h>
 #include <vlkr.h>
 
+#include <algorithm>
 #include <climits>
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
@@ -190,6 +192,13 @@ py::array resizeAs(const py::handle& obj, double fx, double fy, double fz, doubl
     auto src = input<T>(obj, "volume");
     const VolumeSize sv = volumeOf<T>(src, "volume");
     const Cuboid srcVoi{0, 0, 0, sv.width, sv.height, sv.depth};
+    // The destination box is computed in double and truncated to int, so keep it in range.
+    const double extents[3][3] = {
+        {double(sv.width), fx, sx}, {double(sv.height), fy, sy}, {double(sv.depth), fz, sz}};
+    for (const auto& e : extents)
+        if (!std::isfinite(e[2]) ||
+            (e[1] > 0 && !(std::fabs(e[0] * e[1]) + std::fabs(e[2]) < INT_MAX / 2)))
+            throw py::value_error("resize: zoom or shift gives an output beyond int range");
     Cuboid dstVoi{};
     const vlkStatus st =
         vlkrGetResizeCuboid(&srcVoi, &dstVoi, fx, fy, fz, sx, sy, sz, interpolation);
@@ -332,7 +341,8 @@ py::array filter(const py::handle& paddedObj, const py::handle& kernelObj, py::t
     const int before[3] = {kv.width - 1 - anchor[0], kv.height - 1 - anchor[1],
                            kv.depth - 1 - anchor[2]};
     auto srcPlanes = planesOf(const_cast<int16_t*>(src.data()), pv);
-    for (auto& p : srcPlanes) p += static_cast<size_t>(before[1]) * pv.width + before[0];
+    for (int z = 0; z < pv.depth; ++z)
+        srcPlanes[z] += static_cast<size_t>(before[1]) * pv.width + before[0];
     auto dstPlanes = planesOf(dst.mutable_data(), region);
     int size = 0;
     check(vlkrFilterGetBufSize(&region, &kv, 1, &size), "vlkrFilterGetBufSize");
@@ -502,6 +512,11 @@ class Scene {
         triangleCount_ = toInt(t.shape(0), "triangles");
         if (triangleCount_ < 1) throw py::value_error("triangles: the mesh has no triangle");
         vertices_.assign(v.data(), v.data() + v.size());
+        // Non-finite corners would poison the box and the split search of the tree build.
+        for (float c : vertices_)
+            if (!std::isfinite(c)) throw py::value_error("vertices: values must be finite");
+        if (!(quality >= 0.0f && quality <= 1.0f))
+            throw py::value_error("quality must lie in [0, 1] (vlkStatusOutOfRange)");
         // The library reads four words per triangle; the fourth is unused.
         triangles_.resize(static_cast<size_t>(triangleCount_) * 4);
         auto r = t.unchecked<2>();

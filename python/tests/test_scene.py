@@ -114,6 +114,10 @@ def test_refusals():
     with pytest.raises(ValueError, match="vlkStatusOutOfRange"):
         vlkr.Scene(v, tri, quality=2.0)
     with pytest.raises(ValueError, match="vlkStatusOutOfRange"):
+        vlkr.Scene(v, tri, quality=np.nan)
+    with pytest.raises(ValueError, match="finite"):
+        vlkr.Scene(np.where(v == 1, np.inf, v), tri)
+    with pytest.raises(ValueError, match="vlkStatusOutOfRange"):
         vlkr.Scene(v, tri, depth=51)
     with pytest.raises(MemoryError, match="vlkStatusNoMemory"):
         vlkr.Scene(v, tri, memory_mb=8)

@@ -302,6 +302,12 @@ def test_refuses_bad_zoom_and_interpolation():
         vlkr.resize(v, 2, order=True)
     with pytest.raises(ValueError):
         vlkr.resize(v, (1, 2))
+    with pytest.raises(ValueError, match="vlkStatusResizeFactor"):
+        vlkr.resize(v, np.nan)
+    with pytest.raises(ValueError, match="int range"):
+        vlkr.resize(v, 1e12)
+    with pytest.raises(ValueError, match="int range"):
+        vlkr.resize(v, 2, shift=np.inf)
 
 
 def test_affine_refusals():
