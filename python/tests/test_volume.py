@@ -2,6 +2,7 @@
 
 import ctypes
 import threading
+import time
 
 import numpy as np
 import pytest
@@ -395,3 +396,19 @@ def test_convolve_refusals():
         vlkr.convolve(v, np.ones((3, 3, 3), int), divisor=2**33)
     strided = np.zeros((4, 4, 8), np.int16)[..., ::2]
     assert vlkr.convolve(strided, np.ones((3, 3, 3), int)).shape == (4, 4, 4)
+
+
+def test_calls_release_the_gil():
+    # While a long resize runs in a worker, this thread must keep running Python code.
+    src = np.random.default_rng(15).random((128, 128, 128), dtype=np.float32)
+    start = time.perf_counter()
+    vlkr.resize(src, 1.6, order="catmull-rom")
+    alone = time.perf_counter() - start
+    worker = threading.Thread(target=vlkr.resize, args=(src, 1.6), kwargs={"order": "catmull-rom"})
+    stamps = []
+    worker.start()
+    while worker.is_alive():
+        stamps.append(time.perf_counter())
+    worker.join()
+    gaps = np.diff(stamps) if len(stamps) > 1 else np.array([alone])
+    assert gaps.max() < 0.5 * alone
