@@ -98,7 +98,12 @@ CArray<T> input(const py::handle& a, const char* name)
     if (!hasType<T>(a))
         throw py::type_error(std::string(name) + ": expected a numpy array of " +
                              std::string(py::str(py::dtype::of<T>())) + ", got " + typeName(a));
-    return CArray<T>::ensure(a);
+    auto arr = CArray<T>::ensure(a);
+    if (!arr) {
+        PyErr_SetString(PyExc_MemoryError, (std::string(name) + ": could not copy").c_str());
+        throw py::error_already_set();
+    }
+    return arr;
 }
 
 // An array the call writes into: it must already be C-ordered, aligned and writable.
@@ -130,7 +135,8 @@ VolumeSize volumeOf(const py::array& a, const char* name)
         throw py::value_error(std::string(name) + ": expected a 3-D array (z, y, x), got " +
                               std::to_string(a.ndim()) + "-D");
     const VolumeSize v{toInt(a.shape(2), name), toInt(a.shape(1), name), toInt(a.shape(0), name)};
-    toInt(static_cast<py::ssize_t>(v.width) * static_cast<py::ssize_t>(sizeof(T)), name);
+    // The library forms offsets within a plane in int, so one plane must stay below 2 GiB.
+    toInt(static_cast<py::ssize_t>(v.width) * v.height * static_cast<py::ssize_t>(sizeof(T)), name);
     return v;
 }
 
@@ -361,6 +367,8 @@ py::array filter(const py::handle& paddedObj, const py::handle& kernelObj, py::t
 // ------------------------------------------------------------------ spherical harmonics
 
 constexpr int kMaxShBand = 15;  // largest band the evaluation accepts
+// Directions per library call, so that element offsets of the outputs stay far inside int.
+constexpr int kShChunk = 1 << 20;
 
 struct FreeDeleter {
     void operator()(void* p) const { std::free(p); }
@@ -413,11 +421,14 @@ py::array shBasis(const py::handle& dirsObj, int L, int shType)
     const ShState state(L, shType);
     py::array_t<float> dst({py::ssize_t{d.n}, py::ssize_t{bandCount(L)}});
     if (d.n == 0) return std::move(dst);
-    vlkStatus status;
+    vlkStatus status = vlkStatusOk;
     {
         py::gil_scoped_release nogil;
-        status =
-            vlkrSH_32f(d.x.data(), d.y.data(), d.z.data(), d.n, dst.mutable_data(), L, state.get());
+        float* out = dst.mutable_data();
+        const size_t k = static_cast<size_t>(bandCount(L));
+        for (int i = 0; i < d.n && status == vlkStatusOk; i += kShChunk)
+            status = vlkrSH_32f(&d.x[i], &d.y[i], &d.z[i], std::min(kShChunk, d.n - i),
+                                out + k * static_cast<size_t>(i), L, state.get());
     }
     check(status, "vlkrSH_32f");
     return std::move(dst);
@@ -429,10 +440,14 @@ py::array shBand(const py::handle& dirsObj, int L)
     if (L < 0 || L > kMaxShBand) throw py::value_error("L must lie in 0..15 (vlkStatusAlgType)");
     py::array_t<float> dst({py::ssize_t{d.n}, py::ssize_t{2 * L + 1}});
     if (d.n == 0) return std::move(dst);
-    vlkStatus status;
+    vlkStatus status = vlkStatusOk;
     {
         py::gil_scoped_release nogil;
-        status = vlkrSHBand_32f(d.x.data(), d.y.data(), d.z.data(), d.n, dst.mutable_data(), L);
+        float* out = dst.mutable_data();
+        const size_t k = static_cast<size_t>(2 * L + 1);
+        for (int i = 0; i < d.n && status == vlkStatusOk; i += kShChunk)
+            status = vlkrSHBand_32f(&d.x[i], &d.y[i], &d.z[i], std::min(kShChunk, d.n - i),
+                                    out + k * static_cast<size_t>(i), L);
     }
     check(status, "vlkrSHBand_32f");
     return std::move(dst);
@@ -456,13 +471,18 @@ void shForward(const py::handle& dirsObj, const py::handle& valuesObj, int L, in
     if (d.n == 0) return;
     float* c = coeffs.mutable_data();
     float* const planes[3] = {c, c + k, c + 2 * k};
-    vlkStatus status;
+    vlkStatus status = vlkStatusOk;
     {
         py::gil_scoped_release nogil;
-        status = three ? vlkrSHTFwd_32f_C3P3I(d.x.data(), d.y.data(), d.z.data(), values.data(),
-                                              d.n, planes, L, state.get())
-                       : vlkrSHTFwd_32f_C1I(d.x.data(), d.y.data(), d.z.data(), values.data(), d.n,
-                                            c, L, state.get());
+        // Samples are added in order, so splitting the run changes no bit of the sums.
+        const size_t channels = three ? 3 : 1;
+        for (int i = 0; i < d.n && status == vlkStatusOk; i += kShChunk) {
+            const int n = std::min(kShChunk, d.n - i);
+            const float* v = values.data() + channels * static_cast<size_t>(i);
+            status = three ? vlkrSHTFwd_32f_C3P3I(&d.x[i], &d.y[i], &d.z[i], v, n, planes, L,
+                                                  state.get())
+                           : vlkrSHTFwd_32f_C1I(&d.x[i], &d.y[i], &d.z[i], v, n, c, L, state.get());
+        }
     }
     check(status, three ? "vlkrSHTFwd_32f_C3P3I" : "vlkrSHTFwd_32f_C1I");
 }
@@ -482,13 +502,18 @@ py::array shInverse(const py::handle& coeffsObj, const py::handle& dirsObj, int 
     if (d.n == 0) return std::move(dst);
     const float* c = coeffs.data();
     const float* const planes[3] = {c, c + k, c + 2 * k};
-    vlkStatus status;
+    vlkStatus status = vlkStatusOk;
     {
         py::gil_scoped_release nogil;
-        status = three ? vlkrSHTInv_32f_P3C3(planes, L, d.x.data(), d.y.data(), d.z.data(),
-                                             dst.mutable_data(), d.n, state.get())
-                       : vlkrSHTInv_32f_C1(c, L, d.x.data(), d.y.data(), d.z.data(),
-                                           dst.mutable_data(), d.n, state.get());
+        const size_t channels = three ? 3 : 1;
+        for (int i = 0; i < d.n && status == vlkStatusOk; i += kShChunk) {
+            const int n = std::min(kShChunk, d.n - i);
+            float* out = dst.mutable_data() + channels * static_cast<size_t>(i);
+            status =
+                three
+                    ? vlkrSHTInv_32f_P3C3(planes, L, &d.x[i], &d.y[i], &d.z[i], out, n, state.get())
+                    : vlkrSHTInv_32f_C1(c, L, &d.x[i], &d.y[i], &d.z[i], out, n, state.get());
+        }
     }
     check(status, three ? "vlkrSHTInv_32f_P3C3" : "vlkrSHTInv_32f_C1");
     return std::move(dst);

@@ -188,3 +188,22 @@ def test_refusals():
         vlkr.sh_forward(dirs, np.zeros(4), 2, coeffs=np.zeros(18, np.float32)[::2])
     with pytest.raises(ValueError):
         vlkr.sh_basis(np.array([["a", "b", "c"]]), 1)
+
+
+def test_long_direction_runs_split_without_changing_bits(lib):
+    # More directions than one library call takes: the pieces must join seamlessly.
+    n = (1 << 20) + 5
+    dirs = unit_dirs(n)
+    L = 1
+    block, ctx = c_context(lib, L, 0)
+    want = np.zeros((n, 4), np.float32)
+    x, y, z = xyz(dirs)
+    assert lib.vlkrSH_32f(ptr(x), ptr(y), ptr(z), n, ptr(want), L, ctx) == 0
+    assert vlkr.sh_basis(dirs, L).tobytes() == want.tobytes()
+    vals = np.random.default_rng(6).normal(size=n).astype(np.float32)
+    fwd = np.zeros(4, np.float32)
+    assert lib.vlkrSHTFwd_32f_C1I(ptr(x), ptr(y), ptr(z), ptr(vals), n, ptr(fwd), L, ctx) == 0
+    assert vlkr.sh_forward(dirs, vals, L).tobytes() == fwd.tobytes()
+    inv = np.zeros(n, np.float32)
+    assert lib.vlkrSHTInv_32f_C1(ptr(fwd), L, ptr(x), ptr(y), ptr(z), ptr(inv), n, ctx) == 0
+    assert vlkr.sh_inverse(fwd, dirs).tobytes() == inv.tobytes()
