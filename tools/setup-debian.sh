@@ -6,7 +6,7 @@
 set -euo pipefail
 
 packages=(cmake g++ pkg-config binutils clang-format libgtest-dev libbenchmark-dev
-          libpng-dev libtinyobjloader-dev pybind11-dev python3-numpy python3-scipy
+          libpng-dev libtinyobjloader-dev pybind11-dev python3-dev python3-numpy python3-scipy
           python3-pytest python3-dask)
 
 missing=()
