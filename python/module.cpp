@@ -581,16 +581,24 @@ class Scene {
         return std::move(b);
     }
 
+    // The origins of n rays: one point for all (single) or one a ray.
+    static CArray<float> originsFor(const py::handle& originsObj, int n, bool& single)
+    {
+        auto origins = input<float>(originsObj, "origins");
+        single = origins.ndim() == 1 && origins.shape(0) == 3;
+        if (!single && (origins.ndim() != 2 || origins.shape(0) != n || origins.shape(1) != 3))
+            throw py::value_error("origins: expected shape (3,) or (n, 3) matching directions");
+        return origins;
+    }
+
     // Nearest hits: distances (inf on a miss), barycentric weights of corners A and B, ids.
     py::tuple intersect(const py::handle& originsObj, const py::handle& dirsObj,
                         const py::handle& tmaxObj) const
     {
         auto dirs = rays(dirsObj, "directions");
         const int n = toInt(dirs.shape(0), "directions");
-        auto origins = input<float>(originsObj, "origins");
-        const bool single = origins.ndim() == 1 && origins.shape(0) == 3;
-        if (!single && (origins.ndim() != 2 || origins.shape(0) != n || origins.shape(1) != 3))
-            throw py::value_error("origins: expected shape (3,) or (n, 3) matching directions");
+        bool single = false;
+        auto origins = originsFor(originsObj, n, single);
         auto tmax = input<float>(tmaxObj, "tmax");
         if (tmax.ndim() != 1 || tmax.shape(0) != n)
             throw py::value_error("tmax: expected shape (n,)");
@@ -624,10 +632,8 @@ class Scene {
     {
         auto dirs = rays(dirsObj, "directions");
         const int n = toInt(dirs.shape(0), "directions");
-        auto origins = input<float>(originsObj, "origins");
-        const bool single = origins.ndim() == 1 && origins.shape(0) == 3;
-        if (!single && (origins.ndim() != 2 || origins.shape(0) != n || origins.shape(1) != 3))
-            throw py::value_error("origins: expected shape (3,) or (n, 3) matching directions");
+        bool single = false;
+        auto origins = originsFor(originsObj, n, single);
         std::vector<float> planes(static_cast<size_t>(n) * 3);
         splitRays(dirs, planes.data(), n);
         std::vector<int> mask(static_cast<size_t>(n), 0);
