@@ -2,6 +2,8 @@
 // then scaled and added into the coefficients (forward) or dotted with them (inverse).
 #include "transform.h"
 
+#include <algorithm>
+
 #include "basis.h"
 
 namespace vlkr::sh {
@@ -22,8 +24,15 @@ void forward(const float* x, const float* y, const float* z, Channels src, std::
         for (std::size_t j = 0; j < batch; ++j) {
             const float* b = basis + j * std::size_t(count);
             for (int c = 0; c < src.count; ++c) {
+                // A value of exactly 0 or 1 is no multiplication: 0 gives zeros and 1 the basis
+                // as it is, whatever the basis holds (NaN for a direction with NaN in it).
                 const float v = src.value(c, first + j);
-                for (int k = 0; k < count; ++k) scaled[k] = b[k] * v;
+                if (v == 0.0f)
+                    std::fill_n(scaled, count, 0.0f);
+                else if (v == 1.0f)
+                    std::copy_n(b, count, scaled);
+                else
+                    for (int k = 0; k < count; ++k) scaled[k] = b[k] * v;
                 float* out = coeffs[c];
                 for (int k = 0; k < count; ++k) out[k] = out[k] + scaled[k];
             }

@@ -291,4 +291,35 @@ TEST(SHTransform, EveryFormAgainstTheBasisInItsStatedOrder)
     }
 }
 
+TEST(SHTransform, ValuesOfExactlyZeroAndOneAreNoMultiplication)
+{
+    // A direction with NaN or an infinite component has a NaN basis. A sample value of exactly
+    // 0 adds zeros for it, so the coefficients stay as they were; exactly 1 adds the basis as
+    // it is. Every forward form, both kinds of state.
+    const float x[] = {NAN, INFINITY, 0.6f}, y[] = {0.0f, 0.0f, 0.0f}, z[] = {1.0f, 0.0f, 0.8f};
+    for (const auto& [type, L] : {std::pair{SHTypeRecurrence, 3}, {SHTypeDirect, 3}}) {
+        const State s(L, type);
+        const int count = (L + 1) * (L + 1);
+        const float zeros[3] = {0.0f, 0.0f, 0.0f}, interleaved[9] = {};
+        std::vector<float> planes[3];
+        float* out[3];
+        for (auto& p : planes) p.assign(count, 0.25f);
+        for (int c = 0; c < 3; ++c) out[c] = planes[c].data();
+        const float* src[3] = {zeros, zeros, zeros};
+        ASSERT_EQ(vlkrSHTFwd_32f_C1I(x, y, z, zeros, 2, out[0], L, s.ctx), vlkStatusOk);
+        ASSERT_EQ(vlkrSHTFwd_32f_C3P3I(x, y, z, interleaved, 2, out, L, s.ctx), vlkStatusOk);
+        ASSERT_EQ(vlkrSHTFwd_32f_P3I(x, y, z, src, 2, out, L, s.ctx), vlkStatusOk);
+        for (int c = 0; c < 3; ++c)
+            for (int k = 0; k < count; ++k) ASSERT_EQ(planes[c][k], 0.25f) << type << " " << k;
+
+        // Exactly 1 on the finite direction adds its basis bit for bit.
+        const float one[1] = {1.0f};
+        std::vector<float> basis(count), coeffs(count, -0.0f);  // -0 + b is b, bit for bit
+        ASSERT_EQ(vlkrSH_32f(x + 2, y + 2, z + 2, 1, basis.data(), L, s.ctx), vlkStatusOk);
+        ASSERT_EQ(vlkrSHTFwd_32f_C1I(x + 2, y + 2, z + 2, one, 1, coeffs.data(), L, s.ctx),
+                  vlkStatusOk);
+        for (int k = 0; k < count; ++k) EXPECT_EQ(bitsOf(coeffs[k]), bitsOf(basis[k])) << k;
+    }
+}
+
 }  // namespace
