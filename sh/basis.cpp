@@ -162,9 +162,12 @@ long long stateSize(int maxL, int shType) noexcept
     // 8 n bytes hold the two tables of n floats; the rounding and the further 32 bytes make
     // room for the 24-byte header and each table's step up to a 16-byte boundary (enough for
     // any 4-byte-aligned block, every order).
-    const long long n = (static_cast<long long>(maxL) + 1) * (maxL + 2) / 2;
+    constexpr long long kLargestBlock = 0x7FFFFFFF;  // the size is reported as an int
+    const long long order = maxL;
+    const long long n = (order + 1) * (order + 2) / 2;
+    if (n > kLargestBlock / 8) return -1;  // before 8 n can overflow
     const long long size = ((8 * n + 30) & ~31LL) + 32;
-    return size > 0x7FFFFFFF ? -1 : size;
+    return size > kLargestBlock ? -1 : size;
 }
 
 void initState(SHContext* state, int maxL, int shType) noexcept

@@ -95,6 +95,25 @@ TEST(SHState, SizesOfBothKindsAndTheDirectBlock)
     EXPECT_EQ(vlkrSHInit_32f(ctx, 3, 7), vlkStatusAlgType);
 }
 
+// Orders whose block would not fit an int are refused, up to the largest int, where the
+// band count and the table bytes once overflowed on the way.
+TEST(SHState, OrdersBeyondAnIntSizedBlockAreRefused)
+{
+    for (int maxL : {23169, 46340, 65535, 2147483646, 2147483647}) {
+        int size = -1;
+        EXPECT_EQ(vlkrSHGetSize_32f(maxL, SHTypeRecurrence, &size), vlkStatusSize) << maxL;
+        EXPECT_EQ(size, -1) << maxL;
+        std::uint64_t block[4] = {~0ull, ~0ull, ~0ull, ~0ull};
+        EXPECT_EQ(vlkrSHInit_32f(reinterpret_cast<SHContext*>(block), maxL, SHTypeRecurrence),
+                  vlkStatusSize)
+            << maxL;
+        EXPECT_EQ(block[0], ~0ull) << maxL;
+    }
+    int size = -1;
+    EXPECT_EQ(vlkrSHGetSize_32f(23168, SHTypeRecurrence, &size), vlkStatusOk);
+    EXPECT_EQ(size, 2147302976);  // n = 268,412,865 floats a table
+}
+
 TEST(SHState, RecurrenceTablesAreAlignedZeroFilledAndExact)
 {
     for (int maxL : {0, 1, 2, 7, 15, 20}) {
