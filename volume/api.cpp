@@ -6,8 +6,10 @@
 #include <climits>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 
 #include "filter.h"
+#include "frame/unaligned.h"
 #include "geometry.h"
 #include "remap.h"
 #include "resize.h"
@@ -231,10 +233,13 @@ vlkStatus warpAffine(const T* const src[], const VolumeSize* srcVolume, int srcS
     if (!srcVolume || !srcVoi || !dstVoi) return vlkStatusNullPtr;
     if (!validVolume(*srcVolume) || !validCuboid(*srcVoi) || !validCuboid(*dstVoi))
         return vlkStatusSize;
-    if (degenerateCoefficients(coeffs)) return vlkStatusCoeff;
+    // The caller's matrix may start at any byte: everything below reads an aligned copy.
+    double matrix[3][4];
+    std::memcpy(matrix, coeffs, sizeof matrix);
+    if (degenerateCoefficients(matrix)) return vlkStatusCoeff;
     if (!knownInterpolation(interpolation)) return vlkStatusInterpolation;
     if (srcVolume->depth == 1)
-        return warpPlane(src, *srcVolume, srcStep, *srcVoi, dst, dstStep, *dstVoi, coeffs,
+        return warpPlane(src, *srcVolume, srcStep, *srcVoi, dst, dstStep, *dstVoi, matrix,
                          interpolation);
     if (srcVoi->x >= srcVolume->width || srcVoi->y >= srcVolume->height ||
         srcVoi->z >= srcVolume->depth)
@@ -252,11 +257,11 @@ vlkStatus warpAffine(const T* const src[], const VolumeSize* srcVolume, int srcS
         target.last[a] = lastIndex(dstOrigin[a], dstExtent[a]);
     }
     interpolation = fallBackForSmallSource(interpolation, smallestSide(*srcVolume));
-    const double det = affineDeterminant(coeffs);
+    const double det = affineDeterminant(matrix);
     // Kept on purpose: a nearly singular map is a silent success that writes nothing.
     if (det > -1e-10 && det < 1e-10) return vlkStatusOk;
     const WarpJob<T> job{PlaneLayout<const T>(src, srcStep), PlaneLayout<T>(dst, dstStep),
-                         invertAffine(coeffs, det), source, target};
+                         invertAffine(matrix, det), source, target};
     runWarp(job, interpolation);
     return vlkStatusOk;
 }
@@ -318,6 +323,7 @@ vlkStatus filter(const Vlk16s* const src[], int srcStep, Vlk16s* const dst[], in
     if (!region || !kernelVolume) return vlkStatusNullPtr;
     if (!validVolume(*region) || !validVolume(*kernelVolume)) return vlkStatusSize;
     if (divisor == 0) return vlkStatusSize;  // there is no status of its own for it
+    const int at[3] = {loadUnaligned(anchor), loadUnaligned(anchor + 1), loadUnaligned(anchor + 2)};
     const FilterJob job{src,
                         elementStep<Vlk16s>(srcStep),
                         dst,
@@ -325,7 +331,7 @@ vlkStatus filter(const Vlk16s* const src[], int srcStep, Vlk16s* const dst[], in
                         {region->width, region->height, region->depth},
                         kernel,
                         {kernelVolume->width, kernelVolume->height, kernelVolume->depth},
-                        {anchor[0], anchor[1], anchor[2]},
+                        {at[0], at[1], at[2]},
                         divisor,
                         buffer};
     runFilter(job);

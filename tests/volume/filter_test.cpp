@@ -7,6 +7,7 @@
 #include <array>
 #include <cfenv>
 #include <climits>
+#include <cstring>
 #include <random>
 #include <vector>
 
@@ -240,6 +241,31 @@ TEST(FilterChecks, FirstFailingCheckDecidesAndNothingIsWritten)
         }
         return status;
     });
+}
+
+}  // namespace
+
+namespace {
+
+// The anchor and the kernel may sit at any byte address: a 1 x 1 x 1 identity kernel read
+// through an odd address copies the region.
+TEST(FilterChecks, AnchorAndKernelAtAnOddAddress)
+{
+    const Vlk16s src[4] = {7, -3, 12, 32767};
+    Vlk16s dst[4] = {0, 0, 0, 0};
+    const Vlk16s* srcPlanes[1] = {src};
+    Vlk16s* dstPlanes[1] = {dst};
+    alignas(16) unsigned char bytes[32] = {};
+    const int anchor[3] = {0, 0, 0}, weight = 1;
+    std::memcpy(bytes + 1, anchor, sizeof anchor);
+    std::memcpy(bytes + 17, &weight, sizeof weight);
+    const VolumeSize region{4, 1, 1}, kernel{1, 1, 1};
+    unsigned char buffer[128];
+    EXPECT_EQ(vlkrFilter_16s_C1PV(srcPlanes, 8, dstPlanes, 8, &region,
+                                  reinterpret_cast<const int*>(bytes + 17), &kernel,
+                                  reinterpret_cast<const int*>(bytes + 1), 1, buffer),
+              vlkStatusOk);
+    for (int x = 0; x < 4; ++x) EXPECT_EQ(dst[x], src[x]) << x;
 }
 
 }  // namespace

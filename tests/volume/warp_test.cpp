@@ -330,3 +330,27 @@ TYPED_TEST(WarpTyped, FirstFailingCheckDecidesAndNothingIsWritten)
 }
 
 }  // namespace
+
+namespace {
+
+// The coefficient matrix may sit at any byte address: the identity read through an odd
+// address copies the source cuboid.
+TEST(WarpChecks, MatrixAtAnOddAddress)
+{
+    const double identity[3][4] = {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}};
+    alignas(16) unsigned char bytes[sizeof identity + 16];
+    std::memcpy(bytes + 3, identity, sizeof identity);
+    Vlk8u src[2][4], dst[2][4] = {};
+    for (int i = 0; i < 8; ++i) src[i / 4][i % 4] = Vlk8u(10 + i);
+    const Vlk8u* srcPlanes[2] = {src[0], src[1]};
+    Vlk8u* dstPlanes[2] = {dst[0], dst[1]};
+    const VolumeSize volume{2, 2, 2};
+    const Cuboid box{0, 0, 0, 2, 2, 2};
+    EXPECT_EQ(vlkrWarpAffine_8u_C1PV(srcPlanes, &volume, 2, &box, dstPlanes, 2, &box,
+                                     reinterpret_cast<const double(*)[4]>(bytes + 3),
+                                     vlkInterNearest),
+              vlkStatusOk);
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(dst[i / 4][i % 4], src[i / 4][i % 4]) << i;
+}
+
+}  // namespace
