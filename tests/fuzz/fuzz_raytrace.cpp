@@ -390,9 +390,15 @@ void intersectMultiple(Input& in)
     expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr});
     expectNullDecides(op, nulls, s);
     m.verify(op, s == vlkStatusOk);
-    for (std::size_t i = 0; s == vlkStatusOk && i < n; ++i) {
-        const int t = get<int>(triangle, i);
-        require(t >= -1 && t < scene.mesh.triangleCount, op, "triangle number out of range");
+    // A ray ends at its first layer without a hit: every later layer keeps -1.
+    for (std::size_t r = 0; s == vlkStatusOk && r < layer; ++r) {
+        bool ended = false;
+        for (std::size_t i = r; i < n; i += layer) {
+            const int t = get<int>(triangle, i);
+            require(t >= -1 && t < scene.mesh.triangleCount, op, "triangle number out of range");
+            require(!ended || t == -1, op, "a hit in a layer after one without");
+            ended = ended || t == -1;
+        }
     }
 }
 
@@ -454,6 +460,22 @@ void castEye(Input& in)
     expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr});
     expectNullDecides(op, nulls, s);
     m.verify(op, s == vlkStatusOk);
+    if (s != vlkStatusOk) return;
+    // Whole-pixel coordinates offset by the block's, in the documented order of operations;
+    // the offsets are 32-bit products that wrap.
+    const float xOffset = float(int(unsigned(blockColumn) * unsigned(blockSize.width)));
+    const float yOffset = float(int(unsigned(blockRow) * unsigned(blockSize.height)));
+    for (std::size_t i = 0; i < n; ++i) {
+        const float x = float(int(i % std::size_t(packetSize.width))) + xOffset;
+        const float y = float(int(i / std::size_t(packetSize.width))) + yOffset;
+        for (int c = 0; c < 3; ++c) {
+            const float want = (get<float>(rowStep, c) * y + get<float>(corner, c)) +
+                               get<float>(columnStep, c) * x;
+            const float got = get<float>(dir[c], i);
+            require(std::memcmp(&want, &got, 4) == 0 || (want != want && got != got), op,
+                    "a direction differs from its formula");
+        }
+    }
 }
 
 void castReflectionRay(Input& in)

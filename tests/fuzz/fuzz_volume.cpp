@@ -187,6 +187,44 @@ std::uint32_t resizeBufferSize(const Cuboid& dst, std::uint32_t n, int interpola
            4u * n * a64(128u * (W + H) + 192u) + 64u;
 }
 
+bool knownSelector(int s) { return s == 1 || s == 2 || (s >= 4 && s <= 7); }
+
+constexpr double kStartBias = 0.4999999999;  // a start exactly on a half rounds down
+constexpr double kEndBias = 0.5000000001;    // an end exactly on a half rounds up
+
+// Index of a mapped position, kept inside the int range as the harness compares it.
+double indexOf(double v) { return std::trunc(std::clamp(v, -4e9, 4e9)); }
+
+// What a resize must return, and on success the destination range it writes: the source
+// cuboid cut to the volume, mapped and cut to the destination cuboid, with the biases added.
+vlkStatus expectedResize(const VolumeSize& v, const Cuboid& src, const Cuboid& dst,
+                         const double f[3], const double sh[3], int interpolation, Region* out)
+{
+    if (!valid(v) || !valid(src) || !valid(dst)) return vlkStatusSize;
+    if (!(f[0] > 0) || !(f[1] > 0) || !(f[2] > 0)) return vlkStatusResizeFactor;
+    if (!knownSelector(interpolation)) return vlkStatusInterpolation;
+    const int volume[3] = {v.width, v.height, v.depth};
+    const int origin[3] = {src.x, src.y, src.z}, extent[3] = {src.width, src.height, src.depth};
+    const int dOrigin[3] = {dst.x, dst.y, dst.z}, dExtent[3] = {dst.width, dst.height, dst.depth};
+    for (int a = 0; a < 3; ++a)
+        if (origin[a] >= volume[a]) return vlkStatusWrongIntersectVOI;
+    int lo[3], hi[3];
+    for (int a = 0; a < 3; ++a) {
+        const int trimmed = std::min(volume[a] - origin[a], extent[a]);
+        const double mappedFirst = origin[a] * f[a] + sh[a];
+        const double mappedLast = (origin[a] + trimmed) * f[a] + sh[a];
+        const double dFirst = dOrigin[a], dLast = double(dOrigin[a]) + dExtent[a];
+        if (std::isnan(mappedFirst) || std::isnan(mappedLast)) return vlkStatusNoOperation;
+        const double start = indexOf(std::max(mappedFirst, dFirst) + kStartBias);
+        const double end = indexOf(std::min(mappedLast, dLast) + kEndBias);
+        if (start >= end) return vlkStatusNoOperation;
+        lo[a] = int(std::clamp(start, dFirst, dLast));
+        hi[a] = int(std::clamp(end, dFirst, dLast));
+    }
+    *out = {lo[0], lo[1], lo[2], hi[0], hi[1], hi[2]};
+    return vlkStatusOk;
+}
+
 enum Op {
     kGetResizeCuboid,
     kResizeGetBufSize,
@@ -229,10 +267,39 @@ void getResizeCuboid(Input& in)
                   vlkStatusResizeFactor, vlkStatusInterpolation});
     expectNullDecides(op, nulls, st);
     m.verify(op, st == vlkStatusOk);
+    if (nulls.any()) return;
+    // The untrimmed image of the source cuboid, starts raised to 0.
+    vlkStatus expected = vlkStatusOk;
+    int want[6] = {};
+    const int origin[3] = {src->x, src->y, src->z}, extent[3] = {src->width, src->height, src->depth};
+    if (!valid(*src))
+        expected = vlkStatusSize;
+    else if (!(f[0] > 0) || !(f[1] > 0) || !(f[2] > 0))
+        expected = vlkStatusResizeFactor;
+    else if (!knownSelector(interpolation))
+        expected = vlkStatusInterpolation;
+    for (int a = 0; a < 3 && expected == vlkStatusOk; ++a) {
+        const double first = origin[a] * f[a] + s[a] + kStartBias;
+        const double last = (double(origin[a]) + extent[a]) * f[a] + s[a] + kEndBias;
+        if (std::isnan(first) || std::isnan(last)) {
+            expected = vlkStatusNoOperation;
+            break;
+        }
+        const double start = std::max(indexOf(first), 0.0), end = std::max(indexOf(last), 0.0);
+        if (start >= end) {
+            expected = vlkStatusNoOperation;
+            break;
+        }
+        if (end > INT_MAX) return;  // beyond an int: the contract does not say
+        want[a] = int(start);
+        want[a + 3] = int(end - start);
+    }
+    require(st == expected, op, "not the status its arguments call for");
     if (st == vlkStatusOk)
-        require(result->x >= 0 && result->y >= 0 && result->z >= 0 && result->width > 0 &&
-                    result->height > 0 && result->depth > 0,
-                op, "an empty or negative cuboid on success");
+        require(result->x == want[0] && result->y == want[1] && result->z == want[2] &&
+                    result->width == want[3] && result->height == want[4] &&
+                    result->depth == want[5],
+                op, "not the image of the source cuboid");
 }
 
 void bufferSize(Input& in, bool warp)
@@ -332,7 +399,10 @@ void resize(Input& in, bool planar, const char* op)
     const void* dstData = planar ? (const void*)dst.planes : dst.block;
     const bool nullSrc = nulls(srcData) == nullptr, nullDst = nulls(dstData) == nullptr;
     unsigned char* bufferArg = nulls(buffer);
-    allowRegion(m, dst, planar, vs, dstRegion);
+    Region written{};
+    const vlkStatus expected =
+        expectedResize(*srcVolume, *srcVoi, *dstVoi, f, sh, interpolation, &written);
+    allowRegion(m, dst, planar, vs, written);
     m.allow(buffer, sized ? std::size_t(bufferSize) : 0);
     m.snapshot();
     const vlkStatus st = resizeCall(static_cast<const T*>(nullptr), planar, src, srcVolume,
@@ -343,6 +413,7 @@ void resize(Input& in, bool planar, const char* op)
                   vlkStatusNullPtr, vlkStatusSize, vlkStatusResizeFactor,
                   vlkStatusInterpolation});
     expectNullDecides(op, nulls, st);
+    if (!nulls.any()) require(st == expected, op, "not the status its arguments call for");
     if (st == vlkStatusOk) require(sized, op, "ran with cuboids its buffer query refuses");
     m.verify(op, st == vlkStatusOk);
 }
