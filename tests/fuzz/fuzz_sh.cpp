@@ -140,6 +140,13 @@ void basis(Input& in, bool band)
     expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr, vlkStatusSize, vlkStatusAlgType});
     expectNullDecides(op, nulls, s);
     m.verify(op, s == vlkStatusOk);
+    if (nulls.any()) return;
+    // The band form tests the band before the count; the full form the count first.
+    const bool badOrder = unsigned(L) > unsigned(kMaxBand) ||
+                          (!band && unsigned(L) > unsigned(state->maxOrder));
+    vlkStatus expected = n == 0 ? vlkStatusSize : badOrder && n > 0 ? vlkStatusAlgType : vlkStatusOk;
+    if (band && badOrder) expected = vlkStatusAlgType;
+    require(s == expected, op, "not the status its arguments call for");
 }
 
 // Three coefficient vectors or channel planes behind an array of three pointers, each entry
@@ -228,7 +235,14 @@ void transform(Input& in, Op which)
     }
     expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr, vlkStatusSize, vlkStatusAlgType});
     expectNullDecides(op, nulls, s);
-    if (!nulls.any() && n == 0) require(s == vlkStatusSize, op, "a count of 0 passed");
+    if (!nulls.any()) {
+        // The count of 0 first, then the order (whatever the sign of the count).
+        const bool badOrder = unsigned(L) > unsigned(kMaxBand) ||
+                              unsigned(L) > unsigned(state->maxOrder);
+        const vlkStatus expected =
+            n == 0 ? vlkStatusSize : badOrder ? vlkStatusAlgType : vlkStatusOk;
+        require(s == expected, op, "not the status its arguments call for");
+    }
     m.verify(op, s == vlkStatusOk);
 }
 
