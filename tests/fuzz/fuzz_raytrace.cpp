@@ -59,7 +59,10 @@ bool sameElement(const void* p, const std::vector<unsigned char>& before, std::s
                        size) == 0;
 }
 
-std::size_t rays(PacketSize b) { return b.width > 0 && b.height > 0 ? std::size_t(b.width) * b.height : 0; }
+std::size_t rays(PacketSize b)
+{
+    return b.width > 0 && b.height > 0 ? std::size_t(b.width) * b.height : 0;
+}
 
 PacketSize packet(Input& in) { return {in.count(9), in.count(6)}; }
 
@@ -110,7 +113,7 @@ bool makeScene(Memory& m, Input& in, TreeOwner& owner, Scene* scene)
                 "vlkrSetBoundBox_32f refused a mesh");
     }
     KDTreeBuildContext params{KDTreeBuildSimple, 0, 0.0f, 0, nullptr};
-    if (in.oneIn(2)) {
+    if (in.oneIn(3)) {  // a surface-area build costs tens of megabytes of working storage
         params.mode = KDTreeBuildSAH;
         params.depth = unsigned(in.range(0, 50));
         params.quality = float(in.range(0, 4)) / 4.0f;
@@ -225,8 +228,8 @@ void triangleAccelInit(Input& in)
     const char* op = "vlkrTriangleAccelInit";
     Memory m;
     Mesh mesh = makeMesh(m, in);
-    const int count = in.oneIn(8) ? std::min(in.count(kMaxTriangles), mesh.triangleCount)
-                                  : mesh.triangleCount;
+    const int count =
+        in.oneIn(8) ? std::min(in.count(kMaxTriangles), mesh.triangleCount) : mesh.triangleCount;
     auto* accel = m.records<TriangleAccel>(in, std::size_t(mesh.triangleCount));
     Nulls nulls(in);
     accel = nulls(accel);
@@ -249,9 +252,9 @@ void kdTreeBuildAlloc(Input& in)
     if (in.oneIn(8)) vertexCount = std::min(in.count(kMaxVertices), vertexCount);
     if (in.oneIn(8)) triangleCount = std::min(in.count(kMaxTriangles), triangleCount);
     auto* params = m.records<KDTreeBuildContext>(in, 1);
-    static constexpr unsigned kModes[] = {KDTreeBuildSimple, KDTreeBuildSAH, KDTreeBuildSAH, 0u,
-                                          KDTreeBuildSimple, KDTreeBuildSAH, 0x2D07705Au,
-                                          KDTreeBuildSAH};
+    static constexpr unsigned kModes[] = {
+        KDTreeBuildSimple, KDTreeBuildSAH, KDTreeBuildSAH, 0u,
+        KDTreeBuildSimple, KDTreeBuildSAH, 0x2D07705Au,    KDTreeBuildSAH};
     static constexpr unsigned kMemory[] = {32, 33, 40, 31, 0, 4096, 0x2001, 0xFFFFFFFFu};
     params->mode = kModes[in.byte() & 7];
     params->depth = in.oneIn(16) ? in.raw<unsigned>() : unsigned(in.range(0, 51));
@@ -276,9 +279,8 @@ void kdTreeBuildAlloc(Input& in)
     m.allow(treeOut, sizeof(KDTreeNode*));
     m.allow(sizeOut, sizeof(int));
     m.snapshot();
-    const vlkStatus s =
-        vlkrKDTreeBuildAlloc(treeOut, mesh.vertices, mesh.triangles, vertexCount, triangleCount,
-                             sizeOut, paramsNull ? nullptr : params);
+    const vlkStatus s = vlkrKDTreeBuildAlloc(treeOut, mesh.vertices, mesh.triangles, vertexCount,
+                                             triangleCount, sizeOut, paramsNull ? nullptr : params);
     TreeOwner owner;
     if (s == vlkStatusOk) owner.tree = *treeOut;
     expectStatus(op, s,
@@ -432,8 +434,10 @@ void intersectAny(Input& in)
         const int t = get<int>(triangle, i), before = get<int>(maskBefore.data(), i);
         const int after = get<int>(mask, i);
         require(t >= -1 && t < scene.mesh.triangleCount, op, "triangle number out of range");
-        if (before < 0) require(t == -1 && after == before, op, "a passed-over ray was traced");
-        else require(t == -1 ? after == before : after == -1, op, "mask and triangle disagree");
+        if (before < 0)
+            require(t == -1 && after == before, op, "a passed-over ray was traced");
+        else
+            require(t == -1 ? after == before : after == -1, op, "mask and triangle disagree");
     }
 }
 
@@ -495,7 +499,8 @@ void castReflectionRay(Input& in)
     float* const* reflectedArg = nulls(reflected);
     allowTriple(m, reflected, n);
     m.snapshot();
-    const vlkStatus s = vlkrCastReflectionRay_32f(incidentArg, maskArg, normalArg, reflectedArg, len);
+    const vlkStatus s =
+        vlkrCastReflectionRay_32f(incidentArg, maskArg, normalArg, reflectedArg, len);
     expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr});
     expectNullDecides(op, nulls, s);
     m.verify(op, s == vlkStatusOk);
@@ -531,8 +536,8 @@ void castShadow(Input& in)
     allowTriple(m, shadowDir, n);
     const auto maskBefore = copyOf(mask, 4 * n);
     m.snapshot();
-    const vlkStatus s = vlkrCastShadowSO_32f(light, factor, normalArg, hitArg, maskArg, cosineArg,
-                                             shadowArg, len);
+    const vlkStatus s =
+        vlkrCastShadowSO_32f(light, factor, normalArg, hitArg, maskArg, cosineArg, shadowArg, len);
     expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr});
     expectNullDecides(op, nulls, s);
     m.verify(op, s == vlkStatusOk);
@@ -564,16 +569,17 @@ void hitPoints(Input& in, bool multipleOrigins)
     if (multipleOrigins) origins = nulls(origins);
     allowTriple(m, hit, n);
     m.snapshot();
-    const vlkStatus s =
-        multipleOrigins ? vlkrHitPoint3DEpsM0_32f_M(origins, dir, dist, mask, hitArg, len, eps)
-                        : vlkrHitPoint3DEpsS0_32f_M(origin, dir, dist, mask, hitArg, len, eps);
+    const vlkStatus s = multipleOrigins
+                            ? vlkrHitPoint3DEpsM0_32f_M(origins, dir, dist, mask, hitArg, len, eps)
+                            : vlkrHitPoint3DEpsS0_32f_M(origin, dir, dist, mask, hitArg, len, eps);
     expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr});
     expectNullDecides(op, nulls, s);
     m.verify(op, s == vlkStatusOk);
     for (std::size_t i = 0; s == vlkStatusOk && i < n; ++i)
         if (get<int>(mask, i) < 0)
             for (int c = 0; c < 3; ++c)
-                require(get<std::uint32_t>(hit[c], i) == 0, op, "a passed-over ray is not (0, 0, 0)");
+                require(get<std::uint32_t>(hit[c], i) == 0, op,
+                        "a passed-over ray is not (0, 0, 0)");
 }
 
 void triangleNormal(Input& in)
@@ -581,8 +587,8 @@ void triangleNormal(Input& in)
     const char* op = "vlkrTriangleNormal_32f";
     Memory m;
     Mesh mesh = makeMesh(m, in);
-    const int count = in.oneIn(8) ? std::min(in.count(kMaxTriangles), mesh.triangleCount)
-                                  : mesh.triangleCount;
+    const int count =
+        in.oneIn(8) ? std::min(in.count(kMaxTriangles), mesh.triangleCount) : mesh.triangleCount;
     float* normals = m.array<float>(in, 3 * std::size_t(mesh.triangleCount));
     Nulls nulls(in);
     mesh.vertices = nulls(mesh.vertices);
@@ -670,121 +676,121 @@ void shading(Input& in, Op which)
     const char* op = "";
     int* mask = masks(m, in, n);
     switch (which) {
-    case kAddMulMul: {
-        op = "vlkrAddMulMul_32f_AC1P3IM";
-        const float* k = m.floats<float>(in, 3);
-        float* factor = m.floats<float>(in, n);
-        float** src = triple(m, in, n);
-        float** srcDst = triple(m, in, n);
-        Nulls ns(in);
-        factor = ns(factor);
-        float* const* srcArg = ns(src);
-        int* maskArg = ns(mask);
-        float* const* dstArg = ns(srcDst);
-        allowTriple(m, srcDst, n);
-        m.snapshot();
-        s = vlkrAddMulMul_32f_AC1P3IM(k, factor, srcArg, maskArg, dstArg, len);
-        expectNullDecides(op, ns, s);
-        break;
-    }
-    case kDiv: {
-        op = "vlkrDiv_32f_C1IM";
-        float* divisor = m.floats<float>(in, n);
-        float* srcDst = m.floats<float>(in, n);
-        Nulls ns(in);
-        divisor = ns(divisor);
-        float* dstArg = ns(srcDst);
-        m.allow(srcDst, 4 * n);
-        m.snapshot();
-        s = vlkrDiv_32f_C1IM(divisor, mask, dstArg, len);
-        expectNullDecides(op, ns, s);
-        for (std::size_t i = 0; s >= 0 && i < n; ++i)
-            if (get<int>(mask, i) < 0)
-                require(get<std::uint32_t>(srcDst, i) == 0, op, "a passed-over ray is not 0.0");
-        break;
-    }
-    case kMulC1: {
-        op = "vlkrMul_32f_C1IM";
-        float* factor = m.floats<float>(in, n);
-        float* srcDst = m.floats<float>(in, n);
-        Nulls ns(in);
-        factor = ns(factor);
-        int* maskArg = ns(mask);
-        float* dstArg = ns(srcDst);
-        m.allow(srcDst, 4 * n);
-        m.snapshot();
-        s = vlkrMul_32f_C1IM(factor, maskArg, dstArg, len);
-        expectNullDecides(op, ns, s);
-        break;
-    }
-    case kMulC1P3: {
-        op = "vlkrMul_32f_C1P3IM";
-        float* factor = m.floats<float>(in, n);
-        float** srcDst = triple(m, in, n);
-        Nulls ns(in);
-        factor = ns(factor);
-        int* maskArg = ns(mask);
-        float* const* dstArg = ns(srcDst);
-        allowTriple(m, srcDst, n);
-        m.snapshot();
-        s = vlkrMul_32f_C1P3IM(factor, maskArg, dstArg, len);
-        expectNullDecides(op, ns, s);
-        break;
-    }
-    case kDot: {
-        op = "vlkrDot_32f_P3C1M";
-        float** a = triple(m, in, n);
-        float** b = triple(m, in, n);
-        float* dst = m.array<float>(in, n);
-        Nulls ns(in);
-        float* const* aArg = ns(a);
-        float* const* bArg = ns(b);
-        int* maskArg = ns(mask);
-        float* dstArg = ns(dst);
-        m.allow(dst, 4 * n);
-        m.snapshot();
-        s = vlkrDot_32f_P3C1M(aArg, bArg, maskArg, dstArg, len);
-        expectNullDecides(op, ns, s);
-        for (std::size_t i = 0; s == vlkStatusOk && i < n; ++i)
-            if (get<int>(mask, i) < 0)
-                require(get<std::uint32_t>(dst, i) == 0, op, "a passed-over ray is not 0.0");
-        break;
-    }
-    case kDotChangeNorm: {
-        op = "vlkrDotChangeNorm_32f_IM";
-        float** v = triple(m, in, n);
-        float** normal = triple(m, in, n);
-        float* dot = m.array<float>(in, n);
-        Nulls ns(in);
-        float* const* vArg = ns(v);
-        int* maskArg = ns(mask);
-        float* const* normalArg = ns(normal);
-        float* dotArg = ns(dot);
-        allowTriple(m, normal, n);
-        m.allow(dot, 4 * n);
-        m.snapshot();
-        s = vlkrDotChangeNorm_32f_IM(vArg, maskArg, normalArg, dotArg, len);
-        expectNullDecides(op, ns, s);
-        break;
-    }
-    default: {
-        op = "vlkrDistAttenuationSO_32f_M";
-        const float* point = m.floats<float>(in, 3);
-        float** surface = triple(m, in, n);
-        float* dist = m.array<float>(in, n);
-        Nulls ns(in);
-        float* const* surfaceArg = ns(surface);
-        int* maskArg = ns(mask);
-        float* distArg = ns(dist);
-        m.allow(dist, 4 * n);
-        m.snapshot();
-        s = vlkrDistAttenuationSO_32f_M(point, surfaceArg, maskArg, distArg, len);
-        expectNullDecides(op, ns, s);
-        for (std::size_t i = 0; s == vlkStatusOk && i < n; ++i)
-            if (get<int>(mask, i) < 0)
-                require(get<float>(dist, i) == 1.0f, op, "a passed-over ray is not 1.0");
-        break;
-    }
+        case kAddMulMul: {
+            op = "vlkrAddMulMul_32f_AC1P3IM";
+            const float* k = m.floats<float>(in, 3);
+            float* factor = m.floats<float>(in, n);
+            float** src = triple(m, in, n);
+            float** srcDst = triple(m, in, n);
+            Nulls ns(in);
+            factor = ns(factor);
+            float* const* srcArg = ns(src);
+            int* maskArg = ns(mask);
+            float* const* dstArg = ns(srcDst);
+            allowTriple(m, srcDst, n);
+            m.snapshot();
+            s = vlkrAddMulMul_32f_AC1P3IM(k, factor, srcArg, maskArg, dstArg, len);
+            expectNullDecides(op, ns, s);
+            break;
+        }
+        case kDiv: {
+            op = "vlkrDiv_32f_C1IM";
+            float* divisor = m.floats<float>(in, n);
+            float* srcDst = m.floats<float>(in, n);
+            Nulls ns(in);
+            divisor = ns(divisor);
+            float* dstArg = ns(srcDst);
+            m.allow(srcDst, 4 * n);
+            m.snapshot();
+            s = vlkrDiv_32f_C1IM(divisor, mask, dstArg, len);
+            expectNullDecides(op, ns, s);
+            for (std::size_t i = 0; s >= 0 && i < n; ++i)
+                if (get<int>(mask, i) < 0)
+                    require(get<std::uint32_t>(srcDst, i) == 0, op, "a passed-over ray is not 0.0");
+            break;
+        }
+        case kMulC1: {
+            op = "vlkrMul_32f_C1IM";
+            float* factor = m.floats<float>(in, n);
+            float* srcDst = m.floats<float>(in, n);
+            Nulls ns(in);
+            factor = ns(factor);
+            int* maskArg = ns(mask);
+            float* dstArg = ns(srcDst);
+            m.allow(srcDst, 4 * n);
+            m.snapshot();
+            s = vlkrMul_32f_C1IM(factor, maskArg, dstArg, len);
+            expectNullDecides(op, ns, s);
+            break;
+        }
+        case kMulC1P3: {
+            op = "vlkrMul_32f_C1P3IM";
+            float* factor = m.floats<float>(in, n);
+            float** srcDst = triple(m, in, n);
+            Nulls ns(in);
+            factor = ns(factor);
+            int* maskArg = ns(mask);
+            float* const* dstArg = ns(srcDst);
+            allowTriple(m, srcDst, n);
+            m.snapshot();
+            s = vlkrMul_32f_C1P3IM(factor, maskArg, dstArg, len);
+            expectNullDecides(op, ns, s);
+            break;
+        }
+        case kDot: {
+            op = "vlkrDot_32f_P3C1M";
+            float** a = triple(m, in, n);
+            float** b = triple(m, in, n);
+            float* dst = m.array<float>(in, n);
+            Nulls ns(in);
+            float* const* aArg = ns(a);
+            float* const* bArg = ns(b);
+            int* maskArg = ns(mask);
+            float* dstArg = ns(dst);
+            m.allow(dst, 4 * n);
+            m.snapshot();
+            s = vlkrDot_32f_P3C1M(aArg, bArg, maskArg, dstArg, len);
+            expectNullDecides(op, ns, s);
+            for (std::size_t i = 0; s == vlkStatusOk && i < n; ++i)
+                if (get<int>(mask, i) < 0)
+                    require(get<std::uint32_t>(dst, i) == 0, op, "a passed-over ray is not 0.0");
+            break;
+        }
+        case kDotChangeNorm: {
+            op = "vlkrDotChangeNorm_32f_IM";
+            float** v = triple(m, in, n);
+            float** normal = triple(m, in, n);
+            float* dot = m.array<float>(in, n);
+            Nulls ns(in);
+            float* const* vArg = ns(v);
+            int* maskArg = ns(mask);
+            float* const* normalArg = ns(normal);
+            float* dotArg = ns(dot);
+            allowTriple(m, normal, n);
+            m.allow(dot, 4 * n);
+            m.snapshot();
+            s = vlkrDotChangeNorm_32f_IM(vArg, maskArg, normalArg, dotArg, len);
+            expectNullDecides(op, ns, s);
+            break;
+        }
+        default: {
+            op = "vlkrDistAttenuationSO_32f_M";
+            const float* point = m.floats<float>(in, 3);
+            float** surface = triple(m, in, n);
+            float* dist = m.array<float>(in, n);
+            Nulls ns(in);
+            float* const* surfaceArg = ns(surface);
+            int* maskArg = ns(mask);
+            float* distArg = ns(dist);
+            m.allow(dist, 4 * n);
+            m.snapshot();
+            s = vlkrDistAttenuationSO_32f_M(point, surfaceArg, maskArg, distArg, len);
+            expectNullDecides(op, ns, s);
+            for (std::size_t i = 0; s == vlkStatusOk && i < n; ++i)
+                if (get<int>(mask, i) < 0)
+                    require(get<float>(dist, i) == 1.0f, op, "a passed-over ray is not 1.0");
+            break;
+        }
     }
     if (which == kDiv)
         expectStatus(op, s, {vlkStatusOk, vlkStatusDivByZero, vlkStatusNullPtr});
@@ -800,25 +806,63 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Input in(data, size);
     const Op op = Op(in.byte() % kOpCount);
     switch (op) {
-    case kGetLibVersion: getLibVersion(); break;
-    case kSetBoundBox: setBoundBox(in); break;
-    case kTriangleAccelGetSize: triangleAccelGetSize(in); break;
-    case kTriangleAccelInit: triangleAccelInit(in); break;
-    case kKDTreeBuildAlloc: kdTreeBuildAlloc(in); break;
-    case kKDTreeFree: kdTreeFree(in); break;
-    case kIntersectEyeSO: intersectNearest(in, false); break;
-    case kIntersectMO: intersectNearest(in, true); break;
-    case kIntersectMultipleSO: intersectMultiple(in); break;
-    case kIntersectAnySO: intersectAny(in); break;
-    case kCastEye: castEye(in); break;
-    case kCastReflectionRay: castReflectionRay(in); break;
-    case kCastShadowSO: castShadow(in); break;
-    case kHitPointS0: hitPoints(in, false); break;
-    case kHitPointM0: hitPoints(in, true); break;
-    case kTriangleNormal: triangleNormal(in); break;
-    case kSurfFlatNormal: surfFlatNormal(in); break;
-    case kSurfSmoothNormal: surfSmoothNormal(in); break;
-    default: shading(in, op); break;
+        case kGetLibVersion:
+            getLibVersion();
+            break;
+        case kSetBoundBox:
+            setBoundBox(in);
+            break;
+        case kTriangleAccelGetSize:
+            triangleAccelGetSize(in);
+            break;
+        case kTriangleAccelInit:
+            triangleAccelInit(in);
+            break;
+        case kKDTreeBuildAlloc:
+            kdTreeBuildAlloc(in);
+            break;
+        case kKDTreeFree:
+            kdTreeFree(in);
+            break;
+        case kIntersectEyeSO:
+            intersectNearest(in, false);
+            break;
+        case kIntersectMO:
+            intersectNearest(in, true);
+            break;
+        case kIntersectMultipleSO:
+            intersectMultiple(in);
+            break;
+        case kIntersectAnySO:
+            intersectAny(in);
+            break;
+        case kCastEye:
+            castEye(in);
+            break;
+        case kCastReflectionRay:
+            castReflectionRay(in);
+            break;
+        case kCastShadowSO:
+            castShadow(in);
+            break;
+        case kHitPointS0:
+            hitPoints(in, false);
+            break;
+        case kHitPointM0:
+            hitPoints(in, true);
+            break;
+        case kTriangleNormal:
+            triangleNormal(in);
+            break;
+        case kSurfFlatNormal:
+            surfFlatNormal(in);
+            break;
+        case kSurfSmoothNormal:
+            surfSmoothNormal(in);
+            break;
+        default:
+            shading(in, op);
+            break;
     }
     return 0;
 }

@@ -93,8 +93,8 @@ void init(Input& in)
     int size = 0;
     const vlkStatus sized = vlkrSHGetSize_32f(maxL, type, &size);
     if (sized == vlkStatusOk && size > kMaxContextBytes) return;
-    auto* state = reinterpret_cast<SHContext*>(
-        m.bytes(in, sized == vlkStatusOk ? std::size_t(size) : 0, 8));
+    auto* state =
+        reinterpret_cast<SHContext*>(m.bytes(in, sized == vlkStatusOk ? std::size_t(size) : 0, 8));
     Nulls nulls(in);
     SHContext* stateArg = nulls(state);
     m.allow(state, sized == vlkStatusOk ? std::size_t(size) : 0);
@@ -123,8 +123,8 @@ void basis(Input& in, bool band)
     Memory m;
     const SHContext* state = band ? nullptr : makeContext(m, in);
     const int n = in.count(kMaxCount), L = order(in);
-    const std::size_t per = band ? (L >= 0 && L <= kMaxBand ? std::size_t(2 * L + 1) : 0)
-                                 : bandsOf(L);
+    const std::size_t per =
+        band ? (L >= 0 && L <= kMaxBand ? std::size_t(2 * L + 1) : 0) : bandsOf(L);
     Directions d = directions(m, in, samples(n));
     float* dst = m.array<float>(in, samples(n) * per);
     Nulls nulls(in);
@@ -142,9 +142,11 @@ void basis(Input& in, bool band)
     m.verify(op, s == vlkStatusOk);
     if (nulls.any()) return;
     // The band form tests the band before the count; the full form the count first.
-    const bool badOrder = unsigned(L) > unsigned(kMaxBand) ||
-                          (!band && unsigned(L) > unsigned(state->maxOrder));
-    vlkStatus expected = n == 0 ? vlkStatusSize : badOrder && n > 0 ? vlkStatusAlgType : vlkStatusOk;
+    const bool badOrder =
+        unsigned(L) > unsigned(kMaxBand) || (!band && unsigned(L) > unsigned(state->maxOrder));
+    vlkStatus expected = n == 0              ? vlkStatusSize
+                         : badOrder && n > 0 ? vlkStatusAlgType
+                                             : vlkStatusOk;
     if (band && badOrder) expected = vlkStatusAlgType;
     require(s == expected, op, "not the status its arguments call for");
 }
@@ -163,13 +165,31 @@ void nullEntries(float** p, float** shown, Nulls& nulls)
     for (int c = 0; c < 3; ++c) shown[c] = nulls(p[c]);
 }
 
-enum Op { kGetSize, kInit, kSH, kSHBand, kFwdC1, kFwdC3P3, kFwdP3, kInvC1, kInvP3, kInvP3C3, kOpCount };
+enum Op {
+    kGetSize,
+    kInit,
+    kSH,
+    kSHBand,
+    kFwdC1,
+    kFwdC3P3,
+    kFwdP3,
+    kInvC1,
+    kInvP3,
+    kInvP3C3,
+    kOpCount
+};
 
 void transform(Input& in, Op which)
 {
-    static const char* const kNames[] = {"", "", "", "", "vlkrSHTFwd_32f_C1I",
-                                         "vlkrSHTFwd_32f_C3P3I", "vlkrSHTFwd_32f_P3I",
-                                         "vlkrSHTInv_32f_C1", "vlkrSHTInv_32f_P3",
+    static const char* const kNames[] = {"",
+                                         "",
+                                         "",
+                                         "",
+                                         "vlkrSHTFwd_32f_C1I",
+                                         "vlkrSHTFwd_32f_C3P3I",
+                                         "vlkrSHTFwd_32f_P3I",
+                                         "vlkrSHTInv_32f_C1",
+                                         "vlkrSHTInv_32f_P3",
                                          "vlkrSHTInv_32f_P3C3"};
     const char* op = kNames[which];
     Memory m;
@@ -222,25 +242,34 @@ void transform(Input& in, Op which)
     m.snapshot();
     vlkStatus s = vlkStatusOk;
     switch (which) {
-    case kFwdC1: s = vlkrSHTFwd_32f_C1I(d.x, d.y, d.z, flatArg, n, coeffsArg, L, stateArg); break;
-    case kFwdC3P3:
-        s = vlkrSHTFwd_32f_C3P3I(d.x, d.y, d.z, flatArg, n, coeff3Pass, L, stateArg);
-        break;
-    case kFwdP3:
-        s = vlkrSHTFwd_32f_P3I(d.x, d.y, d.z, plane3Pass, n, coeff3Pass, L, stateArg);
-        break;
-    case kInvC1: s = vlkrSHTInv_32f_C1(coeffsArg, L, d.x, d.y, d.z, flatArg, n, stateArg); break;
-    case kInvP3: s = vlkrSHTInv_32f_P3(coeff3Pass, L, d.x, d.y, d.z, plane3Pass, n, stateArg); break;
-    default: s = vlkrSHTInv_32f_P3C3(coeff3Pass, L, d.x, d.y, d.z, flatArg, n, stateArg); break;
+        case kFwdC1:
+            s = vlkrSHTFwd_32f_C1I(d.x, d.y, d.z, flatArg, n, coeffsArg, L, stateArg);
+            break;
+        case kFwdC3P3:
+            s = vlkrSHTFwd_32f_C3P3I(d.x, d.y, d.z, flatArg, n, coeff3Pass, L, stateArg);
+            break;
+        case kFwdP3:
+            s = vlkrSHTFwd_32f_P3I(d.x, d.y, d.z, plane3Pass, n, coeff3Pass, L, stateArg);
+            break;
+        case kInvC1:
+            s = vlkrSHTInv_32f_C1(coeffsArg, L, d.x, d.y, d.z, flatArg, n, stateArg);
+            break;
+        case kInvP3:
+            s = vlkrSHTInv_32f_P3(coeff3Pass, L, d.x, d.y, d.z, plane3Pass, n, stateArg);
+            break;
+        default:
+            s = vlkrSHTInv_32f_P3C3(coeff3Pass, L, d.x, d.y, d.z, flatArg, n, stateArg);
+            break;
     }
     expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr, vlkStatusSize, vlkStatusAlgType});
     expectNullDecides(op, nulls, s);
     if (!nulls.any()) {
         // The count of 0 first, then the order (whatever the sign of the count).
-        const bool badOrder = unsigned(L) > unsigned(kMaxBand) ||
-                              unsigned(L) > unsigned(state->maxOrder);
-        const vlkStatus expected =
-            n == 0 ? vlkStatusSize : badOrder ? vlkStatusAlgType : vlkStatusOk;
+        const bool badOrder =
+            unsigned(L) > unsigned(kMaxBand) || unsigned(L) > unsigned(state->maxOrder);
+        const vlkStatus expected = n == 0     ? vlkStatusSize
+                                   : badOrder ? vlkStatusAlgType
+                                              : vlkStatusOk;
         require(s == expected, op, "not the status its arguments call for");
     }
     m.verify(op, s == vlkStatusOk);
@@ -253,11 +282,21 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Input in(data, size);
     const Op op = Op(in.byte() % kOpCount);
     switch (op) {
-    case kGetSize: getSize(in); break;
-    case kInit: init(in); break;
-    case kSH: basis(in, false); break;
-    case kSHBand: basis(in, true); break;
-    default: transform(in, op); break;
+        case kGetSize:
+            getSize(in);
+            break;
+        case kInit:
+            init(in);
+            break;
+        case kSH:
+            basis(in, false);
+            break;
+        case kSHBand:
+            basis(in, true);
+            break;
+        default:
+            transform(in, op);
+            break;
     }
     return 0;
 }

@@ -42,7 +42,7 @@ inline void expectStatus(const char* op, vlkStatus status, std::initializer_list
 // Reads the fuzzer's bytes front to back; past the end every read gives zeros, so any prefix
 // of an input is an input too.
 class Input {
-public:
+   public:
     Input(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
 
     std::uint8_t byte() { return pos_ < size_ ? data_[pos_++] : 0; }
@@ -88,38 +88,11 @@ public:
     // A float that is often special: a palette, a small grid, or raw bits.
     float value()
     {
-        static const float kPalette[32] = {0.0f,
-                                           -0.0f,
-                                           1.0f,
-                                           -1.0f,
-                                           0.5f,
-                                           -0.5f,
-                                           2.0f,
-                                           -2.0f,
-                                           3.0f,
-                                           0.25f,
-                                           1e-7f,
-                                           -1e-7f,
-                                           1.1920929e-7f,
-                                           1e-30f,
-                                           FLT_MIN,
-                                           1e-42f,
-                                           FLT_MAX,
-                                           -FLT_MAX,
-                                           INFINITY,
-                                           -INFINITY,
-                                           NAN,
-                                           -NAN,
-                                           10.0f,
-                                           -10.0f,
-                                           100.0f,
-                                           1e10f,
-                                           0.1f,
-                                           0.9999f,
-                                           1.0001f,
-                                           0.0017453292f,
-                                           4.0f,
-                                           -4.0f};
+        static const float kPalette[32] = {
+            0.0f,    -0.0f,    1.0f,     -1.0f,     0.5f,          -0.5f,         2.0f,    -2.0f,
+            3.0f,    0.25f,    1e-7f,    -1e-7f,    1.1920929e-7f, 1e-30f,        FLT_MIN, 1e-42f,
+            FLT_MAX, -FLT_MAX, INFINITY, -INFINITY, NAN,           -NAN,          10.0f,   -10.0f,
+            100.0f,  1e10f,    0.1f,     0.9999f,   1.0001f,       0.0017453292f, 4.0f,    -4.0f};
         const std::uint8_t b = byte();
         if (b < 64) return kPalette[b & 31];
         if (b < 200) return float(int(b) - 132) / 4.0f;
@@ -143,7 +116,7 @@ public:
         return b < 224 ? kKnown[b % 6] : kOther[b & 7];
     }
 
-private:
+   private:
     const std::uint8_t* data_;
     std::size_t size_;
     std::size_t pos_ = 0;
@@ -169,7 +142,7 @@ T get(const void* base, std::size_t i)
 // part of the check), filled with a canary or with input data. After the call every byte not
 // marked writable must hold what it held before; on a call that may write nothing, no byte.
 class Memory {
-public:
+   public:
     Memory() = default;
     Memory(const Memory&) = delete;
     Memory& operator=(const Memory&) = delete;
@@ -233,16 +206,17 @@ public:
             for (std::size_t i = 0; i < b.lead + b.size; ++i) {
                 if (b.raw[i] == b.before[i] || (wrote && b.writable[i])) continue;
                 char what[160];
-                std::snprintf(what, sizeof what,
-                              "%s byte %td of a %zu-byte caller block (misaligned by %zu) changed",
-                              !wrote ? "on a call that writes nothing," : "outside what it may write,",
-                              std::ptrdiff_t(i) - std::ptrdiff_t(b.lead), b.size, b.lead);
+                std::snprintf(
+                    what, sizeof what,
+                    "%s byte %td of a %zu-byte caller block (misaligned by %zu) changed",
+                    !wrote ? "on a call that writes nothing," : "outside what it may write,",
+                    std::ptrdiff_t(i) - std::ptrdiff_t(b.lead), b.size, b.lead);
                 fail(op, what);
             }
         }
     }
 
-private:
+   private:
     struct Block {
         unsigned char* raw;
         std::size_t lead;
@@ -266,7 +240,7 @@ private:
 
 // Chooses, for some inputs, pointers to pass as null; remembers whether any checked one was.
 class Nulls {
-public:
+   public:
     explicit Nulls(Input& in) : in_(in), on_(in.oneIn(8)) {}
 
     template <class P>
@@ -281,7 +255,7 @@ public:
 
     bool any() const { return any_; }
 
-private:
+   private:
     Input& in_;
     bool on_;
     bool any_ = false;

@@ -13,9 +13,9 @@ namespace {
 
 using namespace vlkr_fuzz;
 
-constexpr int kMaxSide = 8;       // source and destination volume sides
-constexpr int kMaxOrigin = 10;    // destination cuboid origins
-constexpr int kMaxKernel = 7;     // filter kernel sides
+constexpr int kMaxSide = 8;     // source and destination volume sides
+constexpr int kMaxOrigin = 10;  // destination cuboid origins
+constexpr int kMaxKernel = 7;   // filter kernel sides
 
 // The voxels a caller must provide: x0 <= x < x1 and so on (ends exclusive; starts may be
 // negative, as the filter's neighbourhood is).
@@ -72,8 +72,10 @@ Volume makeVolume(Memory& m, Input& in, bool planar, int vs, const Region& r, bo
         v.planes = m.records<unsigned char*>(in, 0);
         return v;
     }
-    const std::ptrdiff_t first = std::ptrdiff_t(r.y0) * std::ptrdiff_t(v.row) + std::ptrdiff_t(r.x0) * vs;
-    const std::ptrdiff_t last = std::ptrdiff_t(r.y1 - 1) * std::ptrdiff_t(v.row) + std::ptrdiff_t(r.x1) * vs;
+    const std::ptrdiff_t first =
+        std::ptrdiff_t(r.y0) * std::ptrdiff_t(v.row) + std::ptrdiff_t(r.x0) * vs;
+    const std::ptrdiff_t last =
+        std::ptrdiff_t(r.y1 - 1) * std::ptrdiff_t(v.row) + std::ptrdiff_t(r.x1) * vs;
     if (planar) {
         v.planes = m.records<unsigned char*>(in, std::size_t(r.z1 - r.z0)) - r.z0;
         for (int z = r.z0; z < r.z1; ++z) {
@@ -150,8 +152,8 @@ Cuboid destinationCuboid(Input& in)
 
 double factor(Input& in)
 {
-    static constexpr double kFactors[] = {1.0, 2.0, 0.5, 1.5, 0.25, 3.0, 0.75, 1.0 / 3.0,
-                                          4.0, 0.1, 1.25, 2.5, 0.6, 1.0, 7.0, 0.9};
+    static constexpr double kFactors[] = {1.0, 2.0, 0.5,  1.5, 0.25, 3.0, 0.75, 1.0 / 3.0,
+                                          4.0, 0.1, 1.25, 2.5, 0.6,  1.0, 7.0,  0.9};
     const std::uint8_t b = in.byte();
     return b < 224 ? kFactors[b & 15] : in.dvalue();
 }
@@ -260,8 +262,8 @@ void getResizeCuboid(Input& in)
     Cuboid* resultArg = nulls(result);  // the source cuboid is not among the checked pointers
     m.allow(result, sizeof(Cuboid));
     m.snapshot();
-    const vlkStatus st = vlkrGetResizeCuboid(src, resultArg, f[0], f[1], f[2], s[0], s[1], s[2],
-                                             interpolation);
+    const vlkStatus st =
+        vlkrGetResizeCuboid(src, resultArg, f[0], f[1], f[2], s[0], s[1], s[2], interpolation);
     expectStatus(op, st,
                  {vlkStatusOk, vlkStatusNoOperation, vlkStatusNullPtr, vlkStatusSize,
                   vlkStatusResizeFactor, vlkStatusInterpolation});
@@ -271,7 +273,8 @@ void getResizeCuboid(Input& in)
     // The untrimmed image of the source cuboid, starts raised to 0.
     vlkStatus expected = vlkStatusOk;
     int want[6] = {};
-    const int origin[3] = {src->x, src->y, src->z}, extent[3] = {src->width, src->height, src->depth};
+    const int origin[3] = {src->x, src->y, src->z},
+              extent[3] = {src->width, src->height, src->depth};
     if (!valid(*src))
         expected = vlkStatusSize;
     else if (!(f[0] > 0) || !(f[1] > 0) || !(f[2] > 0))
@@ -386,13 +389,13 @@ void resize(Input& in, bool planar, const char* op)
     const double f[3] = {factor(in), factor(in), factor(in)};
     const double sh[3] = {shift(in), shift(in), shift(in)};
     const int interpolation = in.selector();
-    const Volume src = makeVolume(m, in, planar, vs,
-                                  valid(*srcVolume) ? wholeOf(*srcVolume) : Region{}, true, isFloat);
+    const Volume src = makeVolume(
+        m, in, planar, vs, valid(*srcVolume) ? wholeOf(*srcVolume) : Region{}, true, isFloat);
     const Region dstRegion = valid(*dstVoi) ? cuboidRegion(*dstVoi) : Region{};
     const Volume dst = makeVolume(m, in, planar, vs, dstRegion, true, isFloat);
     int bufferSize = 0;
-    const bool sized = vlkrResizeGetBufSize(srcVoi, dstVoi, 1, interpolation, &bufferSize) ==
-                       vlkStatusOk;
+    const bool sized =
+        vlkrResizeGetBufSize(srcVoi, dstVoi, 1, interpolation, &bufferSize) == vlkStatusOk;
     unsigned char* buffer = m.bytes(in, sized ? std::size_t(bufferSize) : 0);
     Nulls nulls(in);
     const void* srcData = planar ? (const void*)src.planes : src.block;
@@ -405,13 +408,11 @@ void resize(Input& in, bool planar, const char* op)
     allowRegion(m, dst, planar, vs, written);
     m.allow(buffer, sized ? std::size_t(bufferSize) : 0);
     m.snapshot();
-    const vlkStatus st = resizeCall(static_cast<const T*>(nullptr), planar, src, srcVolume,
-                                    srcVoi, dst, dstVoi, f, sh, interpolation, bufferArg, nullSrc,
-                                    nullDst);
+    const vlkStatus st = resizeCall(static_cast<const T*>(nullptr), planar, src, srcVolume, srcVoi,
+                                    dst, dstVoi, f, sh, interpolation, bufferArg, nullSrc, nullDst);
     expectStatus(op, st,
-                 {vlkStatusOk, vlkStatusNoOperation, vlkStatusWrongIntersectVOI,
-                  vlkStatusNullPtr, vlkStatusSize, vlkStatusResizeFactor,
-                  vlkStatusInterpolation});
+                 {vlkStatusOk, vlkStatusNoOperation, vlkStatusWrongIntersectVOI, vlkStatusNullPtr,
+                  vlkStatusSize, vlkStatusResizeFactor, vlkStatusInterpolation});
     expectNullDecides(op, nulls, st);
     if (!nulls.any()) require(st == expected, op, "not the status its arguments call for");
     if (st == vlkStatusOk) require(sized, op, "ran with cuboids its buffer query refuses");
@@ -450,9 +451,9 @@ vlkStatus warpCall(const Vlk8u*, const Volume& s, const VolumeSize* sv, const Cu
                    const Volume& d, const Cuboid* dc, const double* c, int ip, bool nullSrc,
                    bool nullDst)
 {
-    return vlkrWarpAffine_8u_C1PV(nullSrc ? nullptr : (const Vlk8u* const*)s.planes, sv,
-                                  s.rowStep, sc, nullDst ? nullptr : (Vlk8u* const*)d.planes,
-                                  d.rowStep, dc, (const double(*)[4])c, ip);
+    return vlkrWarpAffine_8u_C1PV(nullSrc ? nullptr : (const Vlk8u* const*)s.planes, sv, s.rowStep,
+                                  sc, nullDst ? nullptr : (Vlk8u* const*)d.planes, d.rowStep, dc,
+                                  (const double(*)[4])c, ip);
 }
 
 vlkStatus warpCall(const Vlk16u*, const Volume& s, const VolumeSize* sv, const Cuboid* sc,
@@ -489,8 +490,8 @@ void warp(Input& in, const char* op)
     auto* c = m.array<double>(in, 12);
     coefficients(in, c);
     const int interpolation = in.selector();
-    const Volume src = makeVolume(m, in, true, vs,
-                                  valid(*srcVolume) ? wholeOf(*srcVolume) : Region{}, true, isFloat);
+    const Volume src = makeVolume(
+        m, in, true, vs, valid(*srcVolume) ? wholeOf(*srcVolume) : Region{}, true, isFloat);
     const Region dstRegion = valid(*dstVoi) ? cuboidRegion(*dstVoi) : Region{};
     const Volume dst = makeVolume(m, in, true, vs, dstRegion, true, isFloat);
     Nulls nulls(in);
@@ -499,10 +500,10 @@ void warp(Input& in, const char* op)
     m.snapshot();
     const vlkStatus st = warpCall(static_cast<const T*>(nullptr), src, srcVolume, srcVoi, dst,
                                   dstVoi, c, interpolation, nullSrc, nullDst);
-    expectStatus(op, st,
-                 {vlkStatusOk, vlkStatusWrongIntersectVOI, vlkStatusNullPtr, vlkStatusSize,
-                  vlkStatusCoeff, vlkStatusInterpolation, vlkStatusBadArg, vlkStatusNoMemory,
-                  vlkStatusRegionTooSmall});
+    expectStatus(
+        op, st,
+        {vlkStatusOk, vlkStatusWrongIntersectVOI, vlkStatusNullPtr, vlkStatusSize, vlkStatusCoeff,
+         vlkStatusInterpolation, vlkStatusBadArg, vlkStatusNoMemory, vlkStatusRegionTooSmall});
     expectNullDecides(op, nulls, st);
     if (!nulls.any()) {
         vlkStatus expected = vlkStatusOk;
@@ -575,8 +576,8 @@ void remap(Input& in, const char* op)
     *dstVolume = volumeSize(in, kMaxSide);
     const int interpolation = in.selector();
     const Region dstRegion = valid(*dstVolume) ? wholeOf(*dstVolume) : Region{};
-    const Volume src = makeVolume(m, in, true, vs,
-                                  valid(*srcVolume) ? wholeOf(*srcVolume) : Region{}, true, isFloat);
+    const Volume src = makeVolume(
+        m, in, true, vs, valid(*srcVolume) ? wholeOf(*srcVolume) : Region{}, true, isFloat);
     // The destination and map steps are added to row addresses in bytes, untruncated.
     const Volume dst = makeVolume(m, in, true, vs, dstRegion, true, isFloat, true);
     // Three maps of the destination's extent sharing one row step.
@@ -584,9 +585,11 @@ void remap(Input& in, const char* op)
     Volume maps[3] = {xMap, xMap, xMap};
     for (int k = 0; k < 3; ++k) {
         if (k > 0) {
-            maps[k].planes = m.records<unsigned char*>(in, dstRegion.empty() ? 0 : std::size_t(dstRegion.z1));
+            maps[k].planes =
+                m.records<unsigned char*>(in, dstRegion.empty() ? 0 : std::size_t(dstRegion.z1));
             for (int z = 0; !dstRegion.empty() && z < dstRegion.z1; ++z)
-                maps[k].planes[z] = m.bytes(in, std::size_t((dstRegion.y1 - 1) * xMap.row + 4 * dstRegion.x1));
+                maps[k].planes[z] =
+                    m.bytes(in, std::size_t((dstRegion.y1 - 1) * xMap.row + 4 * dstRegion.x1));
         }
         for (int z = 0; !dstRegion.empty() && z < dstRegion.z1; ++z)
             for (int y = 0; y < dstRegion.y1; ++y)
@@ -598,9 +601,15 @@ void remap(Input& in, const char* op)
         static constexpr int kBad[] = {0, -1, INT_MIN, -8};
         const int bad = kBad[in.byte() & 3];
         switch (in.byte() % 3) {
-        case 0: srcStep = bad; break;
-        case 1: dstStep = bad; break;
-        default: mapStep = bad; break;
+            case 0:
+                srcStep = bad;
+                break;
+            case 1:
+                dstStep = bad;
+                break;
+            default:
+                mapStep = bad;
+                break;
         }
     }
     const Cuboid voiBefore = *srcVoi;
@@ -611,9 +620,9 @@ void remap(Input& in, const char* op)
     allowRegion(m, dst, true, vs, dstRegion);
     m.allow(&srcVoi->width, 3 * sizeof(int));
     m.snapshot();
-    const vlkStatus st = remapCall(static_cast<const T*>(nullptr), src, srcVolume, srcStep, srcVoi,
-                                   mapArgs, mapStep, dst, dstStep, dstVolume, interpolation,
-                                   nullSrc, nullDst);
+    const vlkStatus st =
+        remapCall(static_cast<const T*>(nullptr), src, srcVolume, srcStep, srcVoi, mapArgs, mapStep,
+                  dst, dstStep, dstVolume, interpolation, nullSrc, nullDst);
     expectStatus(op, st,
                  {vlkStatusOk, vlkStatusWrongIntersectVOI, vlkStatusWrongIntersectROI,
                   vlkStatusNullPtr, vlkStatusSize, vlkStatusInterpolation, vlkStatusStep});
@@ -666,8 +675,7 @@ void filterBufferSize(Input& in)
     m.allow(size, sizeof(int));
     m.snapshot();
     const vlkStatus st = vlkrFilterGetBufSize(region, kernel, n, sizeArg);
-    expectStatus(op, st,
-                 {vlkStatusOk, vlkStatusNullPtr, vlkStatusSize, vlkStatusNumChannels});
+    expectStatus(op, st, {vlkStatusOk, vlkStatusNullPtr, vlkStatusSize, vlkStatusNumChannels});
     expectNullDecides(op, nulls, st);
     m.verify(op, st == vlkStatusOk);
     if (st == vlkStatusOk)
@@ -676,8 +684,8 @@ void filterBufferSize(Input& in)
 
 int divisor(Input& in)
 {
-    static constexpr int kDivisors[] = {1, 2, 4, 8, 3, -3, -1, 0, 7, 16, 1 << 30, INT_MIN,
-                                        INT_MAX, 27, -2, 5};
+    static constexpr int kDivisors[] = {1, 2,  4,       8,       3,       -3, -1, 0,
+                                        7, 16, 1 << 30, INT_MIN, INT_MAX, 27, -2, 5};
     const std::uint8_t b = in.byte();
     return b < 232 ? kDivisors[b & 15] : in.raw<int>();
 }
@@ -706,24 +714,25 @@ void filter(Input& in)
     if (ok) {
         const int ax = get<int>(anchor, 0), ay = get<int>(anchor, 1), az = get<int>(anchor, 2);
         srcRegion = {ax - (sides[0] - 1), ay - (sides[1] - 1), az - (sides[2] - 1),
-                     region->width + ax, region->height + ay, region->depth + az};
+                     region->width + ax,  region->height + ay, region->depth + az};
     }
     const Region dstRegion = ok ? wholeOf(*region) : Region{};
     const Volume src = makeVolume(m, in, true, 2, srcRegion, true, false);
     const Volume dst = makeVolume(m, in, true, 2, dstRegion, true, false);
     int bufferSize = 0;
     const bool sized = vlkrFilterGetBufSize(region, kernelVolume, 1, &bufferSize) == vlkStatusOk;
-    unsigned char* buffer = in.oneIn(16) ? nullptr : m.bytes(in, sized ? std::size_t(bufferSize) : 0);
+    unsigned char* buffer =
+        in.oneIn(16) ? nullptr : m.bytes(in, sized ? std::size_t(bufferSize) : 0);
     Nulls nulls(in);
     const bool nullSrc = nulls(src.planes) == nullptr, nullDst = nulls(dst.planes) == nullptr;
     int* kernelArg = nulls(kernel);
     allowRegion(m, dst, true, 2, dstRegion);
     if (buffer) m.allow(buffer, sized ? std::size_t(bufferSize) : 0);
     m.snapshot();
-    const vlkStatus st = vlkrFilter_16s_C1PV(
-        nullSrc ? nullptr : (const Vlk16s* const*)src.planes, src.rowStep,
-        nullDst ? nullptr : (Vlk16s* const*)dst.planes, dst.rowStep, region, kernelArg,
-        kernelVolume, anchor, div, buffer);
+    const vlkStatus st =
+        vlkrFilter_16s_C1PV(nullSrc ? nullptr : (const Vlk16s* const*)src.planes, src.rowStep,
+                            nullDst ? nullptr : (Vlk16s* const*)dst.planes, dst.rowStep, region,
+                            kernelArg, kernelVolume, anchor, div, buffer);
     expectStatus(op, st, {vlkStatusOk, vlkStatusNullPtr, vlkStatusSize});
     expectNullDecides(op, nulls, st);
     if (!nulls.any())
@@ -738,23 +747,57 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 {
     Input in(data, size);
     switch (Op(in.byte() % kOpCount)) {
-    case kGetResizeCuboid: getResizeCuboid(in); break;
-    case kResizeGetBufSize: bufferSize(in, false); break;
-    case kResize8uV: resize<Vlk8u>(in, false, "vlkrResize_8u_C1V"); break;
-    case kResize16uV: resize<Vlk16u>(in, false, "vlkrResize_16u_C1V"); break;
-    case kResize32fV: resize<Vlk32f>(in, false, "vlkrResize_32f_C1V"); break;
-    case kResize8uPV: resize<Vlk8u>(in, true, "vlkrResize_8u_C1PV"); break;
-    case kResize16uPV: resize<Vlk16u>(in, true, "vlkrResize_16u_C1PV"); break;
-    case kResize32fPV: resize<Vlk32f>(in, true, "vlkrResize_32f_C1PV"); break;
-    case kWarpGetBufSize: bufferSize(in, true); break;
-    case kWarp8u: warp<Vlk8u>(in, "vlkrWarpAffine_8u_C1PV"); break;
-    case kWarp16u: warp<Vlk16u>(in, "vlkrWarpAffine_16u_C1PV"); break;
-    case kWarp32f: warp<Vlk32f>(in, "vlkrWarpAffine_32f_C1PV"); break;
-    case kRemap8u: remap<Vlk8u>(in, "vlkrRemap_8u_C1PV"); break;
-    case kRemap16u: remap<Vlk16u>(in, "vlkrRemap_16u_C1PV"); break;
-    case kRemap32f: remap<Vlk32f>(in, "vlkrRemap_32f_C1PV"); break;
-    case kFilterGetBufSize: filterBufferSize(in); break;
-    default: filter(in); break;
+        case kGetResizeCuboid:
+            getResizeCuboid(in);
+            break;
+        case kResizeGetBufSize:
+            bufferSize(in, false);
+            break;
+        case kResize8uV:
+            resize<Vlk8u>(in, false, "vlkrResize_8u_C1V");
+            break;
+        case kResize16uV:
+            resize<Vlk16u>(in, false, "vlkrResize_16u_C1V");
+            break;
+        case kResize32fV:
+            resize<Vlk32f>(in, false, "vlkrResize_32f_C1V");
+            break;
+        case kResize8uPV:
+            resize<Vlk8u>(in, true, "vlkrResize_8u_C1PV");
+            break;
+        case kResize16uPV:
+            resize<Vlk16u>(in, true, "vlkrResize_16u_C1PV");
+            break;
+        case kResize32fPV:
+            resize<Vlk32f>(in, true, "vlkrResize_32f_C1PV");
+            break;
+        case kWarpGetBufSize:
+            bufferSize(in, true);
+            break;
+        case kWarp8u:
+            warp<Vlk8u>(in, "vlkrWarpAffine_8u_C1PV");
+            break;
+        case kWarp16u:
+            warp<Vlk16u>(in, "vlkrWarpAffine_16u_C1PV");
+            break;
+        case kWarp32f:
+            warp<Vlk32f>(in, "vlkrWarpAffine_32f_C1PV");
+            break;
+        case kRemap8u:
+            remap<Vlk8u>(in, "vlkrRemap_8u_C1PV");
+            break;
+        case kRemap16u:
+            remap<Vlk16u>(in, "vlkrRemap_16u_C1PV");
+            break;
+        case kRemap32f:
+            remap<Vlk32f>(in, "vlkrRemap_32f_C1PV");
+            break;
+        case kFilterGetBufSize:
+            filterBufferSize(in);
+            break;
+        default:
+            filter(in);
+            break;
     }
     return 0;
 }
