@@ -142,7 +142,7 @@ bool clipTriangle(const double corner[3][3], const Box& box, float lo[3], float 
         if (fh < h) fh = nextFloat(fh, 1);
         lo[k] = std::max(fl, box.lo[k]);
         hi[k] = std::min(fh, box.hi[k]);
-        if (lo[k] > hi[k]) return false;
+        if (!(lo[k] <= hi[k])) return false;  // empty, or NaN from a corner that is not a number
     }
     return true;
 }

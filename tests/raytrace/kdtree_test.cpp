@@ -203,6 +203,21 @@ TEST(KDTreeSah, EmptySpaceIsCutOffFirstAndDegeneratesLeftOut)
         for (int t : leaf.triangles) EXPECT_NE(t, 1);
 }
 
+// A triangle with a corner that is not a number can never be hit: it is left out like a
+// degenerate one, and no plane lands at an infinite position because of it (found by fuzzing:
+// its clipped bounds came out NaN and were kept).
+TEST(KDTreeSah, TrianglesWithANaNCornerAreLeftOut)
+{
+    Mesh m;
+    m.vertices = {NAN, NAN, NAN, -10.0f, -7.25f, 6.75f, -7.0f, 4.5f, 7.75f, -8.0f, 0.0f, 7.0f};
+    m.triangles = {0, 1, 2, 0, 2, 2, 1, 0, 1, 2, 2, 0};
+    for (const auto& leaf : soundTree(m, sah(33, 0.75f, 23), "NaN corner only").leafList)
+        EXPECT_TRUE(leaf.triangles.empty());
+    m.triangles.insert(m.triangles.end(), {1, 2, 3, 0});
+    for (const auto& leaf : soundTree(m, sah(33, 0.75f, 23), "NaN corner and one").leafList)
+        for (int t : leaf.triangles) EXPECT_EQ(t, 3);
+}
+
 // ------------------------------------------------------------------------- memory budget
 
 TEST(KDTreeBudget, PeakLiveBytesStayWithinTheBudgetAndAnExhaustedAccountIsMemAlloc)
