@@ -2,8 +2,8 @@
 # Builds the libFuzzer targets with clang-16 (build-fuzz) and runs each for a while, starting
 # from its committed corpus folder. Usage: tools/fuzz.sh [seconds-per-target] [targets...]
 # (targets: raytrace sh volume; default all, 60 s each). Prints each target's executions,
-# keeps every crash input in build-fuzz/crashes/<target>/ and exits nonzero if any target
-# crashed. New inputs the fuzzer finds go to build-fuzz/corpus/<target>/, not to the
+# keeps this run's crash inputs in build-fuzz/crashes/<target>/ and exits nonzero if any
+# target crashed. New inputs the fuzzer finds go to build-fuzz/corpus/<target>/, not to the
 # committed corpus; copy a crash input into tests/fuzz/corpus/<target>/ to keep it as a test.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -23,6 +23,7 @@ cmake --build build-fuzz -j2 >/dev/null
 crashes="$PWD/build-fuzz/crashes"
 failed=()
 for t in "${targets[@]}"; do
+    rm -rf "${crashes:?}/$t"  # the folder holds this run's crash inputs only
     mkdir -p "$crashes/$t" "build-fuzz/corpus/$t"
     log="build-fuzz/fuzz-$t.log"
     echo "== fuzz $t for ${seconds}s"
