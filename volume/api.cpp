@@ -226,20 +226,19 @@ vlkStatus warpAffineGetBufSize(const Cuboid* srcVoi, const Cuboid* dstVoi, int n
 template <class T>
 vlkStatus warpAffine(const T* const src[], const VolumeSize* srcVolume, int srcStep,
                      const Cuboid* srcVoi, T* const dst[], int dstStep, const Cuboid* dstVoi,
-                     const double coeffs[3][4], int interpolation) noexcept
+                     const double callerCoeffs[3][4], int interpolation) noexcept
 {
     // Kept on purpose: coeffs is not tested. The records are, as for resize.
     if (!src || !dst) return vlkStatusNullPtr;
+    double coeffs[3][4];  // the caller's matrix may sit at any byte address
+    std::memcpy(coeffs, callerCoeffs, sizeof coeffs);
     if (!srcVolume || !srcVoi || !dstVoi) return vlkStatusNullPtr;
     if (!validVolume(*srcVolume) || !validCuboid(*srcVoi) || !validCuboid(*dstVoi))
         return vlkStatusSize;
-    // The caller's matrix may start at any byte: everything below reads an aligned copy.
-    double matrix[3][4];
-    std::memcpy(matrix, coeffs, sizeof matrix);
-    if (degenerateCoefficients(matrix)) return vlkStatusCoeff;
+    if (degenerateCoefficients(coeffs)) return vlkStatusCoeff;
     if (!knownInterpolation(interpolation)) return vlkStatusInterpolation;
     if (srcVolume->depth == 1)
-        return warpPlane(src, *srcVolume, srcStep, *srcVoi, dst, dstStep, *dstVoi, matrix,
+        return warpPlane(src, *srcVolume, srcStep, *srcVoi, dst, dstStep, *dstVoi, coeffs,
                          interpolation);
     if (srcVoi->x >= srcVolume->width || srcVoi->y >= srcVolume->height ||
         srcVoi->z >= srcVolume->depth)
@@ -257,11 +256,11 @@ vlkStatus warpAffine(const T* const src[], const VolumeSize* srcVolume, int srcS
         target.last[a] = lastIndex(dstOrigin[a], dstExtent[a]);
     }
     interpolation = fallBackForSmallSource(interpolation, smallestSide(*srcVolume));
-    const double det = affineDeterminant(matrix);
+    const double det = affineDeterminant(coeffs);
     // Kept on purpose: a nearly singular map is a silent success that writes nothing.
     if (det > -1e-10 && det < 1e-10) return vlkStatusOk;
     const WarpJob<T> job{PlaneLayout<const T>(src, srcStep), PlaneLayout<T>(dst, dstStep),
-                         invertAffine(matrix, det), source, target};
+                         invertAffine(coeffs, det), source, target};
     runWarp(job, interpolation);
     return vlkStatusOk;
 }
@@ -323,17 +322,17 @@ vlkStatus filter(const Vlk16s* const src[], int srcStep, Vlk16s* const dst[], in
     if (!region || !kernelVolume) return vlkStatusNullPtr;
     if (!validVolume(*region) || !validVolume(*kernelVolume)) return vlkStatusSize;
     if (divisor == 0) return vlkStatusSize;  // there is no status of its own for it
-    const int at[3] = {loadUnaligned(anchor), loadUnaligned(anchor + 1), loadUnaligned(anchor + 2)};
-    const FilterJob job{src,
-                        elementStep<Vlk16s>(srcStep),
-                        dst,
-                        elementStep<Vlk16s>(dstStep),
-                        {region->width, region->height, region->depth},
-                        kernel,
-                        {kernelVolume->width, kernelVolume->height, kernelVolume->depth},
-                        {at[0], at[1], at[2]},
-                        divisor,
-                        buffer};
+    const FilterJob job{
+        src,
+        elementStep<Vlk16s>(srcStep),
+        dst,
+        elementStep<Vlk16s>(dstStep),
+        {region->width, region->height, region->depth},
+        kernel,
+        {kernelVolume->width, kernelVolume->height, kernelVolume->depth},
+        {loadUnaligned(anchor), loadUnaligned(anchor + 1), loadUnaligned(anchor + 2)},
+        divisor,
+        buffer};
     runFilter(job);
     return vlkStatusOk;
 }

@@ -16,7 +16,7 @@ namespace vlkr::volume {
 namespace {
 
 // Four voxels as 32-bit lanes: the first `count` of row[0..3], the rest 0.
-inline __m128i loadUnaligneds(const std::int16_t* row, int count)
+inline __m128i loadVoxels(const std::int16_t* row, int count)
 {
     std::int16_t lanes[4] = {0, 0, 0, 0};
     std::memcpy(lanes, row, sizeof(std::int16_t) * count);
@@ -101,14 +101,14 @@ inline __m128i addKernelRow(__m128i sum, const FilterJob& job, int x, int y, int
     const std::int32_t* weights = job.kernel + std::ptrdiff_t(width) * (j + job.kernelSize[1] * k);
     const std::int16_t* row = sourceRow(job, x, y, z, 0, j, k);
     for (int i = 0; i < width; ++i)
-        sum = _mm_add_epi32(sum, multiplyLow(loadUnaligneds(row - i, count),
+        sum = _mm_add_epi32(sum, multiplyLow(loadVoxels(row - i, count),
                                              _mm_set1_epi32(loadUnaligned(weights + i))));
     return sum;
 }
 
 // Four sums divided, saturated and stored, `count` of them.
 template <class Divide>
-inline void storeUnaligneds(__m128i sums, int count, const Divide& divide, std::int16_t* out)
+inline void storeVoxels(__m128i sums, int count, const Divide& divide, std::int16_t* out)
 {
     const __m128i r = divide(sums);
     alignas(16) std::int16_t lanes[8];
@@ -171,8 +171,8 @@ void filterInPairs(const FilterJob& job, const Divide& divide)
                         addKernelRowPairs<kWidth>(
                             lo, hi, job, sourceRow(job, x, y, z, 0, j, k),
                             job.kernel + std::ptrdiff_t(width) * (j + height * k), count);
-                storeUnaligneds(lo, std::min(count, 4), divide, out + x);
-                if (count > 4) storeUnaligneds(hi, count - 4, divide, out + x + 4);
+                storeVoxels(lo, std::min(count, 4), divide, out + x);
+                if (count > 4) storeVoxels(hi, count - 4, divide, out + x + 4);
             }
         }
 }
@@ -191,7 +191,7 @@ void filterInRegisters(const FilterJob& job, const Divide& divide)
                 for (int k = 0; k < job.kernelSize[2]; ++k)
                     for (int j = 0; j < job.kernelSize[1]; ++j)
                         sum = addKernelRow<kWidth>(sum, job, x, y, z, j, k, count);
-                storeUnaligneds(sum, count, divide, out + x);
+                storeVoxels(sum, count, divide, out + x);
             }
         }
 }
@@ -224,8 +224,8 @@ void filterWithRowBuffer(const FilterJob& job, const Divide& divide)
                 const int count = std::min(4, width - x);
                 alignas(16) std::int32_t lanes[4] = {0, 0, 0, 0};
                 std::memcpy(lanes, sums + x, sizeof(std::int32_t) * count);
-                storeUnaligneds(_mm_load_si128(reinterpret_cast<const __m128i*>(lanes)), count,
-                                divide, out + x);
+                storeVoxels(_mm_load_si128(reinterpret_cast<const __m128i*>(lanes)), count, divide,
+                            out + x);
             }
         }
 }
@@ -234,10 +234,9 @@ template <class Divide>
 void filterWith(const FilterJob& job, const Divide& divide)
 {
     const int* k = job.kernelSize;
-    // The caller's kernel may start at any byte, so its weights are read one by one.
     const std::ptrdiff_t taps = std::ptrdiff_t(k[0]) * k[1] * k[2];
-    bool narrow = true;
-    for (std::ptrdiff_t i = 0; narrow && i < taps; ++i) {
+    bool narrow = true;  // every weight fits in 16 bits
+    for (std::ptrdiff_t i = 0; i < taps && narrow; ++i) {
         const std::int32_t w = loadUnaligned(job.kernel + i);
         narrow = w == std::int16_t(w);
     }
