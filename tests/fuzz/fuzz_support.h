@@ -158,8 +158,6 @@ class Memory {
         return place(size, lead);
     }
 
-    unsigned char* aligned(std::size_t size) { return place(size, 0); }
-
     template <class T>
     T* array(Input& in, std::size_t count)
     {
