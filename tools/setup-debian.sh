@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
 # Installs what building, testing and running vlkr needs on Debian: the compiler and CMake, the
 # test and benchmark frameworks, the demo's PNG and OBJ readers, and pybind11 with numpy, scipy,
-# pytest and dask for the Python package. Installs only what is missing; needs root (or sudo)
+# pytest and dask for the Python package, and gcovr for tools/coverage.sh. Installs only what is missing; needs root (or sudo)
 # when something is.
 set -euo pipefail
 
 packages=(cmake g++ pkg-config binutils clang-format libgtest-dev libbenchmark-dev
           libpng-dev libtinyobjloader-dev pybind11-dev python3-dev python3-numpy python3-scipy
-          python3-pytest python3-dask)
+          python3-pytest python3-dask gcovr)
 
 missing=()
 for pkg in "${packages[@]}"; do
