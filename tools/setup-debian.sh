@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs what building, testing and running vlkr needs on Debian: the compiler and CMake, the
-# test and benchmark frameworks, the demo's PNG and OBJ readers, and pybind11 with numpy, scipy,
-# pytest and dask for the Python package, and gcovr for tools/coverage.sh. Installs only what is missing; needs root (or sudo)
-# when something is.
+# test and benchmark frameworks, the demo's PNG and OBJ readers, pybind11 with numpy, scipy,
+# pytest and dask for the Python package, and gcovr for tools/coverage.sh. Installs only what is
+# missing; needs root (or sudo) when something is.
 set -euo pipefail
 
 packages=(cmake g++ pkg-config binutils clang-format libgtest-dev libbenchmark-dev
