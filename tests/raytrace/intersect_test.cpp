@@ -262,6 +262,14 @@ TEST(IntersectChecks, NullPointersInArgumentOrderAndEmptyBlocks)
         EXPECT_EQ(r.eye(eye, s), vlkStatusOk);
         EXPECT_EQ(r.eye(nullptr, s), vlkStatusOk);
         EXPECT_EQ(r.any(eye, s), vlkStatusOk);
+        EXPECT_EQ(r.multiple(eye, s), vlkStatusOk);
+        for (int t : r.tri) ASSERT_EQ(t, 7);
+    }
+    // Layered hits: a volume without layers is empty too.
+    r.block = {8, 8};
+    for (int layers : {0, -1}) {
+        r.layers = layers;
+        EXPECT_EQ(r.multiple(eye, s), vlkStatusOk);
         for (int t : r.tri) ASSERT_EQ(t, 7);
     }
 }

@@ -148,6 +148,8 @@ const std::vector<CheckRow<Args>> kRows = {
     {"trimmed source ends before the destination",
      [](Args& a) { a.src = {5, 0, 0, 10, 5, 4}, a.factor[0] = 1, a.dst = {6, 0, 0, 4, 5, 4}; },
      vlkStatusNoOperation},
+    // Infinity times the origin 0 maps nowhere.
+    {"infinite x factor", [](Args& a) { a.factor[0] = INFINITY; }, vlkStatusNoOperation},
     {"valid", [](Args&) {}, vlkStatusOk, true},
 };
 
@@ -200,6 +202,11 @@ TEST(ResizeCuboid, BoxRoundsHalvesOutwardsAndClampsAtZero)
         {{3, 0, 0, 2, 2, 2}, {0.1, 1, 1}, {0, 0, 0}, 5, vlkStatusOk, {0, 0, 0, 1, 2, 2}},
         {kSrc, {1, 1, 1}, {-10, 0, 0}, 1, vlkStatusNoOperation, kUntouched},
         {kSrc, {1, 0.1, 1}, {0, -0.45, 0}, 6, vlkStatusNoOperation, kUntouched},
+        // Ends that are not numbers: a NaN shift, infinity times the origin 0, and an end
+        // that overflows to infinity less an infinite shift.
+        {kSrc, {1, 1, 1}, {0, kNaN, 0}, 2, vlkStatusNoOperation, kUntouched},
+        {kSrc, {1, 1, INFINITY}, {0, 0, 0}, 2, vlkStatusNoOperation, kUntouched},
+        {kSrc, {1e308, 1, 1}, {-INFINITY, 0, 0}, 2, vlkStatusNoOperation, kUntouched},
         {{-1, 0, 0, 4, 4, 4}, {1, 1, 1}, {0, 0, 0}, 2, vlkStatusSize, kUntouched},
         {{0, 0, 0, 0, 4, 4}, {0, 1, 1}, {0, 0, 0}, 3, vlkStatusSize, kUntouched},
         {kSrc, {1, 1, kNaN}, {0, 0, 0}, 3, vlkStatusResizeFactor, kUntouched},
