@@ -27,6 +27,8 @@ build=build-cov
 # examples and the Python package are left out: only the test programs check results, so only
 # what they run should count as covered.
 if [ $run = 1 ]; then
+    # Counters go before the build, whose test discovery runs the programs once, and after it.
+    [ -d "$build" ] && find "$build" -name '*.gcda' -delete
     nice cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=gcc \
         -DCMAKE_CXX_COMPILER=g++ -DCMAKE_C_FLAGS="--coverage -O0" \
         -DCMAKE_CXX_FLAGS="--coverage -O0" \

@@ -210,6 +210,18 @@ TEST(IntersectNearest, EdgesAndCornersCount)
     ASSERT_EQ(r.eye(nullptr, s), vlkStatusOk);
     EXPECT_EQ(r.tri, (std::vector<int>{0, 0, 0, 1}));
     EXPECT_EQ(r.dist, std::vector<float>(4, 2.0f));
+
+    // A block whose rays all leave the box, or are all passed over, walks nothing: no hit,
+    // distances and masks as they were.
+    for (int i = 0; i < 4; ++i) r.d[2][i] = 1.0f, r.dist[i] = FLT_MAX;
+    const float above[3] = {0.5f, 0.5f, 2.0f};
+    ASSERT_EQ(r.eye(above, s), vlkStatusOk);
+    EXPECT_EQ(r.tri, std::vector<int>(4, -1));
+    EXPECT_EQ(r.dist, std::vector<float>(4, FLT_MAX));
+    for (int i = 0; i < 4; ++i) r.d[2][i] = -1.0f, r.mask[i] = -1 - i, r.tri[i] = 7;
+    ASSERT_EQ(r.any(above, s), vlkStatusOk);
+    EXPECT_EQ(r.tri, std::vector<int>(4, -1));
+    EXPECT_EQ(r.mask, (std::vector<int>{-1, -2, -3, -4}));
 }
 
 TEST(IntersectNearest, AGridOfRaysGivesItsRecordedHash)
