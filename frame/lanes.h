@@ -13,6 +13,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "frame/unaligned.h"
+
 namespace vlkr::lanes {
 
 template <int kN>
@@ -34,17 +36,14 @@ struct Lanes {
     static Lanes load(const void* p)
     {
         if constexpr (kN == 4) return _mm_loadu_ps(static_cast<const float*>(p));
-        float x;
-        std::memcpy(&x, p, 4);
-        return _mm_set_ss(x);
+        return _mm_set_ss(loadUnaligned(static_cast<const float*>(p)));
     }
     void store(void* p) const
     {
         if constexpr (kN == 4) {
             _mm_storeu_ps(static_cast<float*>(p), v);
         } else {
-            const float x = _mm_cvtss_f32(v);
-            std::memcpy(p, &x, 4);
+            storeUnaligned(static_cast<float*>(p), _mm_cvtss_f32(v));
         }
     }
     static Lanes indices(int first)  // first, first + 1, ... as floats
@@ -143,9 +142,7 @@ Mask<kN> takes(const int* mask, Lanes<kN>)
     if constexpr (kN == 4) {
         m = _mm_loadu_si128(reinterpret_cast<const __m128i*>(mask));
     } else {
-        std::int32_t one;
-        std::memcpy(&one, mask, 4);
-        m = _mm_cvtsi32_si128(one);
+        m = _mm_cvtsi32_si128(loadUnaligned(mask));
     }
     return {_mm_castsi128_ps(_mm_cmpgt_epi32(m, _mm_set1_epi32(-1)))};
 }
@@ -158,8 +155,7 @@ void passOver(int* mask, Mask<kN> m)
         __m128i* p = reinterpret_cast<__m128i*>(mask);
         _mm_storeu_si128(p, _mm_or_si128(_mm_loadu_si128(p), _mm_castps_si128(m.bits)));
     } else if (any(m)) {
-        const std::int32_t minusOne = -1;
-        std::memcpy(mask, &minusOne, 4);
+        storeUnaligned(mask, -1);
     }
 }
 
@@ -171,7 +167,8 @@ template <class T>
 struct Three {
     T at[3];
     template <class U>
-    Three(const U* p) : at{p[0], p[1], p[2]}  // from the caller's array of three
+    Three(const U* p)  // from the caller's array of three
+        : at{T(loadUnaligned(p)), T(loadUnaligned(p + 1)), T(loadUnaligned(p + 2))}
     {
     }
     Three() = default;

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "frame/unaligned.h"
 #include "hit_policies.h"
 #include "kdtree_walk.h"
 #include "packet_walk.h"
@@ -17,7 +18,13 @@ constexpr int kInterleavedRays = 16;
 
 void loadRay(const float* const dir[3], std::size_t i, float d[3]) noexcept
 {
-    for (int k = 0; k < 3; ++k) d[k] = dir[k][i];
+    for (int k = 0; k < 3; ++k) d[k] = loadUnaligned(dir[k] + i);
+}
+
+// Component k of ray i's origin.
+float originOf(Origins origin, int k, std::size_t i) noexcept
+{
+    return origin.shared ? origin.shared[k] : loadUnaligned(origin.perRay[k] + i);
 }
 
 // Rays from one origin walk in packets of four rows by four columns of the block, a register
@@ -185,7 +192,8 @@ bool raysLookScattered(const float* const dir[3], std::size_t count) noexcept
 {
     const std::size_t sample = std::min<std::size_t>(count, 64);
     auto pattern = [&](std::size_t i) {
-        return int(dir[0][i] < 0.0f) | int(dir[1][i] < 0.0f) << 1 | int(dir[2][i] < 0.0f) << 2;
+        auto negative = [&](int k) { return int(loadUnaligned(dir[k] + i) < 0.0f); };
+        return negative(0) | negative(1) << 1 | negative(2) << 2;
     };
     std::size_t changes = 0;
     for (std::size_t i = 1; i < sample; ++i) changes += pattern(i) != pattern(i - 1);
@@ -216,22 +224,21 @@ void nearestHits(Origins origin, const float* const dir[3], float* dist, float* 
     const std::size_t count = std::size_t(block.width) * std::size_t(block.height);
     auto store = [&](std::size_t i, const NearestHit& h) {
         if (h.triangle < 0) return;
-        dist[i] = h.best;
-        hit[0][i] = h.p;
-        hit[1][i] = h.q;
-        triangle[i] = h.triangle;
+        storeUnaligned(dist + i, h.best);
+        storeUnaligned(hit[0] + i, h.p);
+        storeUnaligned(hit[1] + i, h.q);
+        storeUnaligned(triangle + i, h.triangle);
     };
     auto single = [&](Ray& ray, std::size_t i) {
-        NearestHit h{dist[i]};
+        NearestHit h{loadUnaligned(dist + i)};
         walkTree(ctx.pRootNode, ctx.pAccel, epsilon, ray, h);
         store(i, h);
     };
     auto setUp = [&](Ray& ray, std::size_t i) {
-        triangle[i] = -1;
-        for (int k = 0; k < 3; ++k)
-            ray.o[k] = origin.shared ? origin.shared[k] : origin.perRay[k][i];
+        storeUnaligned(triangle + i, -1);
+        for (int k = 0; k < 3; ++k) ray.o[k] = originOf(origin, k, i);
         loadRay(dir, i, ray.d);
-        return enterBox(ctx.pBound, dist[i], ray);
+        return enterBox(ctx.pBound, loadUnaligned(dist + i), ray);
     };
 
     // Rays with their own origins that go separate ways share no walk; the rest walk in tiles.
@@ -242,7 +249,7 @@ void nearestHits(Origins origin, const float* const dir[3], float* dist, float* 
         walkRays<NearestHit>(
             ctx, epsilon, count,
             [&](std::size_t i, int, Ray& ray, NearestHit& h) {
-                h.best = dist[i];
+                h.best = loadUnaligned(dist + i);
                 return setUp(ray, i);
             },
             [&](std::size_t i, int, Ray&, NearestHit& h) {
@@ -258,12 +265,12 @@ void nearestHits(Origins origin, const float* const dir[3], float* dist, float* 
         for (int l = 0; l < 4; ++l) {
             if (!(valid >> l & 1)) continue;
             const std::size_t i = index[l];
-            triangle[i] = -1;
+            storeUnaligned(triangle + i, -1);
             for (int k = 0; k < 3; ++k) {
-                o[k][l] = origin.shared ? origin.shared[k] : origin.perRay[k][i];
-                d[k][l] = dir[k][i];
+                o[k][l] = originOf(origin, k, i);
+                d[k][l] = loadUnaligned(dir[k] + i);
             }
-            maxDist[l] = dist[i];
+            maxDist[l] = loadUnaligned(dist + i);
         }
         for (int k = 0; k < 3; ++k) {
             r.o[k] = lanes::Float4::load(o[k]);
@@ -275,37 +282,54 @@ void nearestHits(Origins origin, const float* const dir[3], float* dist, float* 
     };
     auto packet = [&](TilePacket& p, unsigned lanes, const std::size_t* index) {
         alignas(16) float best[kTileRays];
-        for (int l = 0; l < kTileRays; ++l) best[l] = (lanes >> l & 1) ? dist[index[l]] : 0.0f;
+        for (int l = 0; l < kTileRays; ++l)
+            best[l] = (lanes >> l & 1) ? loadUnaligned(dist + index[l]) : 0.0f;
         NearestHit4 h[kPacketRegs];
         for (int g = 0; g < kPacketRegs; ++g) h[g].best = lanes::Float4::load(best + 4 * g);
         walkPacket(ctx.pRootNode, ctx.pAccel, epsilon, p, lanes, h, origin.shared);
         takeResults(h, lanes, [&](int l, int tri, float t, float u, float v) {
             if (tri < 0) return;
             const std::size_t i = index[l];
-            dist[i] = t;
-            hit[0][i] = u;
-            hit[1][i] = v;
-            triangle[i] = tri;
+            storeUnaligned(dist + i, t);
+            storeUnaligned(hit[0] + i, u);
+            storeUnaligned(hit[1] + i, v);
+            storeUnaligned(triangle + i, tri);
         });
     };
     traceTiles(block, setUpRow, single, packet);
 }
+
+// The caller's box and shared origin may sit at any byte address, so the walks read copies.
+IntersectContext withBoxCopy(const IntersectContext& ctx, float box[6]) noexcept
+{
+    for (int k = 0; k < 6; ++k) box[k] = loadUnaligned(ctx.pBound + k);
+    return {box, ctx.pAccel, ctx.pRootNode};
+}
+
+using Point = lanes::Three<float>;
 
 }  // namespace
 
 void intersectNearest(Origins origin, const float* const dir[3], float* dist, float* const hit[2],
                       int* triangle, const IntersectContext& ctx, PacketSize block) noexcept
 {
-    nearestHits(origin, dir, dist, hit, triangle, ctx, block, kNodeEpsilon);
+    float box[6];
+    const Point shared = origin.shared ? Point(origin.shared) : Point{};
+    if (origin.shared) origin.shared = shared.at;
+    nearestHits(origin, dir, dist, hit, triangle, withBoxCopy(ctx, box), block, kNodeEpsilon);
 }
 
-void intersectLayers(const float origin[3], const float* const dir[3], float* dist,
+void intersectLayers(const float callerOrigin[3], const float* const dir[3], float* dist,
                      float* const hit[2], int* triangle, const VolumeSize& volume,
-                     const IntersectContext& ctx) noexcept
+                     const IntersectContext& callerCtx) noexcept
 {
+    float box[6];
+    const IntersectContext ctx = withBoxCopy(callerCtx, box);
+    const Point shared(callerOrigin);
+    const float* origin = shared.at;
     const int layers = volume.depth;
     const std::size_t plane = std::size_t(volume.width) * std::size_t(volume.height);
-    std::fill(triangle, triangle + plane * std::size_t(layers), -1);
+    std::memset(triangle, 0xFF, sizeof(int) * plane * std::size_t(layers));  // every entry -1
 
     // The first layer has no previous triangle and consults no ring slot: it is the nearest
     // hit with the layered query's node epsilon, and walks in tiles as eye rays do.
@@ -327,30 +351,33 @@ void intersectLayers(const float origin[3], const float* const dir[3], float* di
         // Records lane l's hit of `layer` and moves the ray to it; true when it walks again.
         auto advance = [&](int l, int layer, int tri, float t, float p, float q) {
             const std::size_t i = index[l], at = std::size_t(layer - 1) * plane + i;
-            triangle[at] = tri;
-            hit[0][at] = p;
-            hit[1][at] = q;
-            dist[at] = layer > 1 ? t + dist[at - plane] : t;
+            storeUnaligned(triangle + at, tri);
+            storeUnaligned(hit[0] + at, p);
+            storeUnaligned(hit[1] + at, q);
+            storeUnaligned(dist + at, layer > 1 ? t + loadUnaligned(dist + at - plane) : t);
             Ray& ray = rays[l];
             for (int k = 0; k < 3; ++k) ray.o[k] = ray.o[k] + ray.d[k] * t;
             recent[l].ring[(layer - 1) % kRecentTriangles] = recent[l].previous = tri;
             if (layer == layers) return false;
 
             // The next layer starts at the hit and runs to where the ray leaves the box.
-            dist[at + plane] = kFloatMax;
+            storeUnaligned(dist + at + plane, kFloatMax);
             reenterBox(ctx.pBound, ray);
             return true;
         };
         unsigned alive = 0;
         for (int l = 0; l < kTileRays; ++l) {
             const std::size_t i = index[l];
-            if (!(valid >> l & 1) || triangle[i] < 0) continue;
+            const int first = (valid >> l & 1) ? loadUnaligned(triangle + i) : -1;
+            if (first < 0) continue;
             Ray& ray = rays[l];
             for (int k = 0; k < 3; ++k) ray.o[k] = origin[k];
             loadRay(dir, i, ray.d);
             setUpInverses(ray);
             pattern[l] = ray.sign[0] | ray.sign[1] << 1 | ray.sign[2] << 2;
-            if (advance(l, 1, triangle[i], dist[i], hit[0][i], hit[1][i])) alive |= 1u << l;
+            if (advance(l, 1, first, loadUnaligned(dist + i), loadUnaligned(hit[0] + i),
+                        loadUnaligned(hit[1] + i)))
+                alive |= 1u << l;
         }
         TilePacket p;
         for (int layer = 2; alive; ++layer) {
@@ -363,7 +390,7 @@ void intersectLayers(const float origin[3], const float* const dir[3], float* di
                 p, alive, pattern,
                 [&](Ray& ray, int l) {
                     LayerHit h;
-                    h.best = dist[layerAt + index[l]];
+                    h.best = loadUnaligned(dist + layerAt + index[l]);
                     h.ring = recent[l].ring;
                     h.ringSlots = ringSlots;
                     h.previous = recent[l].previous;
@@ -378,7 +405,7 @@ void intersectLayers(const float origin[3], const float* const dir[3], float* di
                         for (int l = 0; l < 4; ++l) {
                             const int lane = 4 * g + l;
                             if (!(lanes >> lane & 1)) continue;
-                            best[l] = dist[layerAt + index[lane]];
+                            best[l] = loadUnaligned(dist + layerAt + index[lane]);
                             previous[l] = recent[lane].previous;
                             for (int s = 0; s < ringSlots; ++s) ring[s][l] = recent[lane].ring[s];
                         }
@@ -403,19 +430,21 @@ void intersectLayers(const float origin[3], const float* const dir[3], float* di
     });
 }
 
-void intersectAny(const float origin[3], const float* const dir[3], int* triangle, int* mask,
+void intersectAny(const float callerOrigin[3], const float* const dir[3], int* triangle, int* mask,
                   PacketSize block, const IntersectContext& ctx) noexcept
 {
+    const Point shared(callerOrigin);
+    const float* origin = shared.at;
     auto setUpRow = [&](const std::size_t* index, unsigned valid, RowRays& r) {
         alignas(16) float d[3][4] = {};
         unsigned traced = 0;
         for (int l = 0; l < 4; ++l) {
             if (!(valid >> l & 1)) continue;
             const std::size_t i = index[l];
-            triangle[i] = -1;
-            if (mask[i] < 0) continue;
+            storeUnaligned(triangle + i, -1);
+            if (loadUnaligned(mask + i) < 0) continue;
             traced |= 1u << l;
-            for (int k = 0; k < 3; ++k) d[k][l] = dir[k][i];
+            for (int k = 0; k < 3; ++k) d[k][l] = loadUnaligned(dir[k] + i);
         }
         if (traced == 0) return 0u;
         for (int k = 0; k < 3; ++k) r.o[k] = origin[k], r.d[k] = lanes::Float4::load(d[k]);
@@ -428,8 +457,8 @@ void intersectAny(const float origin[3], const float* const dir[3], int* triangl
         AnyHit h;
         walkTree(ctx.pRootNode, ctx.pAccel, kNodeEpsilon, ray, h);
         if (h.triangle < 0) return;
-        triangle[i] = h.triangle;
-        mask[i] = -1;
+        storeUnaligned(triangle + i, h.triangle);
+        storeUnaligned(mask + i, -1);
     };
     auto packet = [&](TilePacket& p, unsigned lanes, const std::size_t* index) {
         AnyHit4 h[kPacketRegs];
@@ -437,8 +466,8 @@ void intersectAny(const float origin[3], const float* const dir[3], int* triangl
         for (int l = 0; l < kTileRays; ++l) {
             const int tri = h[l / 4].triangle[l % 4];
             if (!(lanes >> l & 1) || tri < 0) continue;
-            triangle[index[l]] = tri;
-            mask[index[l]] = -1;
+            storeUnaligned(triangle + index[l], tri);
+            storeUnaligned(mask + index[l], -1);
         }
     };
     traceTiles(block, setUpRow, single, packet);

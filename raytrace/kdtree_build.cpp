@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "build_memory.h"
+#include "frame/unaligned.h"
 #include "kdtree_node.h"
 
 namespace vlkr::raytrace {
@@ -149,8 +150,8 @@ bool clipTriangle(const double corner[3][3], const Box& box, float lo[3], float 
 void loadCorners(const float* vertices, const int* triangles, int t, double corner[3][3])
 {
     for (int c = 0; c < 3; ++c) {
-        const float* v = vertices + 3 * triangles[4 * t + c];
-        for (int k = 0; k < 3; ++k) corner[c][k] = v[k];
+        const float* v = vertices + 3 * std::ptrdiff_t(loadUnaligned(triangles + 4 * t + c));
+        for (int k = 0; k < 3; ++k) corner[c][k] = loadUnaligned(v + k);
     }
 }
 
@@ -578,8 +579,8 @@ class SahBuilder {
     {
         if (params_.pBound) {
             for (int k = 0; k < 3; ++k) {
-                root.lo[k] = params_.pBound[k];
-                root.hi[k] = params_.pBound[3 + k];
+                root.lo[k] = loadUnaligned(params_.pBound + k);
+                root.hi[k] = loadUnaligned(params_.pBound + 3 + k);
             }
         } else {
             for (int k = 0; k < 3; ++k) {
@@ -588,8 +589,9 @@ class SahBuilder {
             }
             for (int i = 0; i < vertexCount_; ++i)
                 for (int k = 0; k < 3; ++k) {
-                    root.lo[k] = std::min(root.lo[k], vertices_[3 * i + k]);
-                    root.hi[k] = std::max(root.hi[k], vertices_[3 * i + k]);
+                    const float v = loadUnaligned(vertices_ + 3 * std::size_t(i) + k);
+                    root.lo[k] = std::min(root.lo[k], v);
+                    root.hi[k] = std::max(root.hi[k], v);
                 }
         }
         finite = true;

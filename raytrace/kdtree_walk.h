@@ -272,10 +272,11 @@ class TreeWalk {
         const int count = leafTriangles(node, local, &list);
         for (int k = 0; k < count; ++k) {
             const int n = list[k];
-            if (accel[n].axes == 0 || hits.skip(n)) continue;
+            const TriangleAccel a = loadUnaligned(accel + n);  // the records may sit anywhere
+            if (a.axes == 0 || hits.skip(n)) continue;
             lanes::Float1 t, p, q;
-            const auto hit = hitTriangle(accel[n], o, d, lanes::Float1(hits.best),
-                                         lanes::allLanes<1>(), t, p, q);
+            const auto hit =
+                hitTriangle(a, o, d, lanes::Float1(hits.best), lanes::allLanes<1>(), t, p, q);
             if (lanes::any(hit) && hits.onHit(n, t.first(), p.first(), q.first())) return true;
         }
         return false;

@@ -8,6 +8,7 @@
 #include <emmintrin.h>
 
 #include "constants.h"
+#include "frame/lanes.h"
 
 namespace vlkr::raytrace {
 namespace {
@@ -17,7 +18,7 @@ constexpr float kMinSmoothSquared = kFloatEpsilon;    // likewise for blended no
 
 void setZero(float* const normal[3], int i)
 {
-    for (int c = 0; c < 3; ++c) normal[c][i] = 0.0f;
+    for (int c = 0; c < 3; ++c) storeUnaligned(normal[c] + i, 0.0f);
 }
 
 }  // namespace
@@ -28,7 +29,8 @@ void triangleNormals(const float* vertices, const int* triangles, float* normals
                      int triangleCount) noexcept
 {
     auto corner = [&](int k, int c, int axis) {
-        return double(vertices[3 * std::size_t(triangles[4 * std::size_t(k) + c]) + axis]);
+        const int vertex = loadUnaligned(triangles + 4 * std::size_t(k) + c);
+        return double(loadUnaligned(vertices + 3 * std::ptrdiff_t(vertex) + axis));
     };
     auto one = [&](int k) {
         double e1[3], e2[3];
@@ -41,11 +43,11 @@ void triangleNormals(const float* vertices, const int* triangles, float* normals
         const double squared = m[0] * m[0] + m[1] * m[1] + m[2] * m[2];
         float* out = normals + 3 * std::size_t(k);
         if (squared < kMinSquaredLength) {
-            out[0] = out[1] = out[2] = 0.0f;
+            for (int j = 0; j < 3; ++j) storeUnaligned(out + j, 0.0f);
             return;
         }
         const double length = std::sqrt(squared);
-        for (int j = 0; j < 3; ++j) out[j] = static_cast<float>(m[j] / length);
+        for (int j = 0; j < 3; ++j) storeUnaligned(out + j, static_cast<float>(m[j] / length));
     };
     int k = 0;
     for (; k + 2 <= triangleCount; k += 2) {
@@ -66,7 +68,8 @@ void triangleNormals(const float* vertices, const int* triangles, float* normals
         for (int j = 0; j < 3; ++j)
             _mm_store_ps(out[j], _mm_cvtpd_ps(_mm_andnot_pd(tiny, _mm_div_pd(m[j], length))));
         for (int t = 0; t < 2; ++t)
-            for (int j = 0; j < 3; ++j) normals[3 * std::size_t(k + t) + j] = out[j][t];
+            for (int j = 0; j < 3; ++j)
+                storeUnaligned(normals + 3 * std::size_t(k + t) + j, out[j][t]);
     }
     for (; k < triangleCount; ++k) one(k);
 }
@@ -75,11 +78,12 @@ void flatNormals(const float* triangleNormals, const int* triangle, float* const
                  int len) noexcept
 {
     for (int i = 0; i < len; ++i) {
-        if (triangle[i] < 0) {
+        const int t = loadUnaligned(triangle + i);
+        if (t < 0) {
             setZero(normal, i);
             continue;
         }
-        const float* n = triangleNormals + 3 * std::size_t(triangle[i]);
+        const float* n = triangleNormals + 3 * std::size_t(t);
         for (int c = 0; c < 3; ++c) std::memcpy(normal[c] + i, n + c, 4);  // bits unchanged
     }
 }
@@ -90,16 +94,17 @@ void smoothNormals(const float* vertexNormals, const int* normalIndices, const i
                    const float* const hit[2], float* const normal[3], int len, int stride) noexcept
 {
     for (int i = 0; i < len; ++i) {
-        if (triangle[i] < 0) {
+        const int t = loadUnaligned(triangle + i);
+        if (t < 0) {
             setZero(normal, i);
             continue;
         }
-        const float u = hit[0][i], v = hit[1][i];
+        const float u = loadUnaligned(hit[0] + i), v = loadUnaligned(hit[1] + i);
         const float w = (1.0f - u) - v;
-        const int* entry = normalIndices + std::int64_t(triangle[i]) * std::int64_t(stride);
-        const float* n0 = vertexNormals + 3 * std::size_t(entry[0]);
-        const float* n1 = vertexNormals + 3 * std::size_t(entry[1]);
-        const float* n2 = vertexNormals + 3 * std::size_t(entry[2]);
+        const int* entry = normalIndices + std::int64_t(t) * std::int64_t(stride);
+        const lanes::Three<float> n0(vertexNormals + 3 * std::size_t(loadUnaligned(entry)));
+        const lanes::Three<float> n1(vertexNormals + 3 * std::size_t(loadUnaligned(entry + 1)));
+        const lanes::Three<float> n2(vertexNormals + 3 * std::size_t(loadUnaligned(entry + 2)));
         float n[3];
         for (int c = 0; c < 3; ++c) n[c] = w * n2[c] + (v * n1[c] + u * n0[c]);
         const float s = (n[0] * n[0] + n[1] * n[1]) + n[2] * n[2];
@@ -108,7 +113,7 @@ void smoothNormals(const float* vertexNormals, const int* normalIndices, const i
             continue;
         }
         const float root = std::sqrt(s);
-        for (int c = 0; c < 3; ++c) normal[c][i] = n[c] / root;
+        for (int c = 0; c < 3; ++c) storeUnaligned(normal[c] + i, n[c] / root);
     }
 }
 

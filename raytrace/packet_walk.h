@@ -106,13 +106,14 @@ void walkPacket(const KDTreeNode* root, const TriangleAccel* accel, float epsilo
         const int count = leafTriangles(node, local, &list);
         for (int k = 0; k < count && active; ++k) {
             const int n = list[k];
-            if (accel[n].axes == 0) continue;
+            const TriangleAccel a = loadUnaligned(accel + n);  // the records may sit anywhere
+            if (a.axes == 0) continue;
             for (int g = 0; g < kRegs; ++g) {
                 const unsigned regActive = regLanes(active, g) & ~hits[g].skipLanes(n);
                 if (!regActive) continue;
                 Float4 t, p, q;
-                const lanes::Mask4 hit = hitTriangle(accel[n], r.o[g], r.d[g], hits[g].best,
-                                                     laneMask4(regActive), t, p, q);
+                const lanes::Mask4 hit =
+                    hitTriangle(a, r.o[g], r.d[g], hits[g].best, laneMask4(regActive), t, p, q);
                 const int hitLanes = lanes::bits(hit);
                 if (hitLanes == 0) continue;
                 const unsigned finished = unsigned(hits[g].onHit(n, hit, hitLanes, t, p, q));

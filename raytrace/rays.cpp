@@ -20,7 +20,7 @@ constexpr float kInPlane = 0.0017453292f;
 }  // namespace
 
 // Expects packetSize.width > 0 and packetSize.height > 0.
-void makeEyeRays(const float corner[3], const float columnStep[3], const float rowStep[3],
+void makeEyeRays(Three<float> corner, Three<float> columnStep, Three<float> rowStep,
                  int blockColumn, int blockRow, PacketSize blockSize, Three<float*> dir,
                  PacketSize packetSize) noexcept
 {
@@ -88,7 +88,7 @@ void makeHitPoints(const float* sharedOrigin, const float* const origin[3], Thre
         const auto take = takes(mask + i, lane);
         const V t = V::load(dist + i);
         for (int c = 0; c < 3; ++c) {
-            const V o = sharedOrigin ? V(sharedOrigin[c]) : V::load(origin[c] + i);
+            const V o = sharedOrigin ? V(loadUnaligned(sharedOrigin + c)) : V::load(origin[c] + i);
             zeroUnless(take, o + (V::load(dir[c] + i) * V(eps)) * t).store(hitPoint[c] + i);
         }
     });

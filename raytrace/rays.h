@@ -8,7 +8,7 @@ namespace vlkr::raytrace {
 
 using lanes::Three;
 
-void makeEyeRays(const float corner[3], const float columnStep[3], const float rowStep[3],
+void makeEyeRays(Three<float> corner, Three<float> columnStep, Three<float> rowStep,
                  int blockColumn, int blockRow, PacketSize blockSize, Three<float*> dir,
                  PacketSize packetSize) noexcept;
 void reflectRays(Three<const float*> incident, const int* mask, Three<const float*> normal,

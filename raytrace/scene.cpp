@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "constants.h"
+#include "frame/unaligned.h"
 
 namespace vlkr::raytrace {
 namespace {
@@ -60,8 +61,9 @@ void computeBoundBox(const float* vertices, int vertexCount, float box[6]) noexc
     float hi[3] = {-kFloatMax, -kFloatMax, -kFloatMax};
     for (int i = foldEightVertices(vertices, vertexCount, lo, hi); i < vertexCount; ++i) {
         for (int c = 0; c < 3; ++c) {
-            lo[c] = foldMin(vertices[3 * i + c], lo[c]);
-            hi[c] = foldMax(vertices[3 * i + c], hi[c]);
+            const float v = loadUnaligned(vertices + 3 * std::size_t(i) + c);
+            lo[c] = foldMin(v, lo[c]);
+            hi[c] = foldMax(v, hi[c]);
         }
     }
     float largest = kBoxPadFloor;
@@ -71,8 +73,8 @@ void computeBoundBox(const float* vertices, int vertexCount, float box[6]) noexc
     }
     const float pad = kBoxPad * largest;
     for (int c = 0; c < 3; ++c) {
-        box[c] = lo[c] - pad;
-        box[3 + c] = hi[c] + pad;
+        storeUnaligned(box + c, lo[c] - pad);
+        storeUnaligned(box + 3 + c, hi[c] + pad);
     }
 }
 
@@ -86,10 +88,13 @@ void buildTriangleAccel(TriangleAccel* accel, const float* vertices, const int* 
                         int triangleCount) noexcept
 {
     for (int t = 0; t < triangleCount; ++t) {
-        const int* idx = triangles + 4 * t;
-        const float* a = vertices + 3 * idx[0];
-        const float* b = vertices + 3 * idx[1];
-        const float* c = vertices + 3 * idx[2];
+        float a[3], b[3], c[3];
+        const int* idx = triangles + 4 * std::size_t(t);
+        for (int k = 0; k < 3; ++k) {
+            a[k] = loadUnaligned(vertices + 3 * std::ptrdiff_t(loadUnaligned(idx)) + k);
+            b[k] = loadUnaligned(vertices + 3 * std::ptrdiff_t(loadUnaligned(idx + 1)) + k);
+            c[k] = loadUnaligned(vertices + 3 * std::ptrdiff_t(loadUnaligned(idx + 2)) + k);
+        }
         const double cx = c[0], cy = c[1], cz = c[2];
         const double e1x = a[0] - cx, e1y = a[1] - cy, e1z = a[2] - cz;
         const double e2x = b[0] - cx, e2y = b[1] - cy, e2z = b[2] - cz;
@@ -122,9 +127,9 @@ void buildTriangleAccel(TriangleAccel* accel, const float* vertices, const int* 
             cw = c[0], cu = c[1], cv = c[2];
         }
 
-        TriangleAccel& r = accel[t];
+        TriangleAccel r{};  // degenerate: the all-zero record is skipped
         if (nw == 0.0) {
-            std::memset(&r, 0, sizeof r);  // degenerate: the all-zero record is skipped
+            storeUnaligned(accel + t, r);
             continue;
         }
         const double inv = 1.0 / nw;
@@ -145,6 +150,7 @@ void buildTriangleAccel(TriangleAccel* accel, const float* vertices, const int* 
         r.e2v = static_cast<float>(e2v * q);
         r.e1u = static_cast<float>(e1u * q);
         r.e1v = static_cast<float>(e1v * q);
+        storeUnaligned(accel + t, r);
     }
 }
 

@@ -125,7 +125,7 @@ void storeDirections(const lanes::Float4* band, int count, float* dst)
     for (; k < count; ++k) {
         alignas(16) float lane[4];
         band[k].store(lane);
-        for (int j = 0; j < 4; ++j) dst[j * count + k] = lane[j];
+        for (int j = 0; j < 4; ++j) storeUnaligned(dst + j * count + k, lane[j]);
     }
 }
 
@@ -151,6 +151,21 @@ constexpr std::array<DirectBandFn, sizeof...(kLs)> directUpToTable(
 }
 
 constexpr auto kDirectUpTo = directUpToTable(std::make_integer_sequence<int, kMaxBand + 1>());
+
+// Runs fn on each direction in turn, writing `width` values a direction. The band routines
+// store floats, so a destination off a 4-byte boundary gets each row through a local copy.
+void forEachDirection(const float* x, const float* y, const float* z, std::size_t n, float* dst,
+                      std::size_t width, DirectBandFn fn) noexcept
+{
+    const bool floatAligned = reinterpret_cast<std::uintptr_t>(dst) % alignof(float) == 0;
+    alignas(16) float row[kMaxCoefficients];
+    for (std::size_t i = 0; i < n; ++i) {
+        float* out = dst + i * width;
+        fn(loadUnaligned(x + i), loadUnaligned(y + i), loadUnaligned(z + i),
+           floatAligned ? out : row);
+        if (!floatAligned) std::memcpy(out, row, sizeof(float) * width);
+    }
+}
 
 }  // namespace
 
@@ -201,15 +216,13 @@ void evaluate(const float* x, const float* y, const float* z, std::size_t n, flo
         return;
     }
     const DirectBandFn upTo = kDirectUpTo[L];
-    for (std::size_t i = 0; i < n; ++i) upTo(x[i], y[i], z[i], dst + i * count);
+    forEachDirection(x, y, z, n, dst, count, upTo);
 }
 
 void evaluateBand(const float* x, const float* y, const float* z, std::size_t n, float* dst,
                   int L) noexcept
 {
-    const DirectBandFn band = kDirectBands[L];
-    const std::size_t width = std::size_t(2 * L + 1);
-    for (std::size_t i = 0; i < n; ++i) band(x[i], y[i], z[i], dst + i * width);
+    forEachDirection(x, y, z, n, dst, std::size_t(2 * L + 1), kDirectBands[L]);
 }
 
 }  // namespace vlkr::sh

@@ -3,6 +3,7 @@
 #include "transform.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "basis.h"
 
@@ -18,6 +19,10 @@ void forward(const float* x, const float* y, const float* z, Channels src, std::
     const int count = (L + 1) * (L + 1);
     alignas(16) float basis[kBatch * kMaxCoefficients];
     alignas(16) float scaled[kMaxCoefficients];
+    // The sums build up in a local copy of the caller's coefficients, written back at the end.
+    alignas(16) float sums[3][kMaxCoefficients];
+    for (int c = 0; c < src.count; ++c)
+        std::memcpy(sums[c], coeffs[c], sizeof(float) * std::size_t(count));
     for (std::size_t first = 0; first < n; first += kBatch) {
         const std::size_t batch = n - first < kBatch ? n - first : kBatch;
         evaluate(x + first, y + first, z + first, batch, basis, L, state);
@@ -33,11 +38,13 @@ void forward(const float* x, const float* y, const float* z, Channels src, std::
                     std::copy_n(b, count, scaled);
                 else
                     for (int k = 0; k < count; ++k) scaled[k] = b[k] * v;
-                float* out = coeffs[c];
+                float* out = sums[c];
                 for (int k = 0; k < count; ++k) out[k] = out[k] + scaled[k];
             }
         }
     }
+    for (int c = 0; c < src.count; ++c)
+        std::memcpy(coeffs[c], sums[c], sizeof(float) * std::size_t(count));
 }
 
 namespace {
@@ -62,17 +69,19 @@ void inverse(const float* const coeffs[], int channels, int L, const float* x, c
 {
     const int count = (L + 1) * (L + 1);
     alignas(16) float basis[kBatch * kMaxCoefficients];
+    alignas(16) float coefficients[3][kMaxCoefficients];  // the caller's, copied once
+    for (int c = 0; c < channels; ++c)
+        std::memcpy(coefficients[c], coeffs[c], sizeof(float) * std::size_t(count));
     for (std::size_t first = 0; first < n; first += kBatch) {
         const std::size_t batch = n - first < kBatch ? n - first : kBatch;
         evaluate(x + first, y + first, z + first, batch, basis, L, state);
         for (std::size_t j = 0; j < batch; ++j) {
             const std::size_t i = first + j;
             for (int c = 0; c < channels; ++c) {
-                const float v = dot(basis + j * std::size_t(count), coeffs[c], count);
-                if (dstPlanes)
-                    dstPlanes[c][i] = v;
-                else
-                    dstInterleaved[i * std::size_t(channels) + std::size_t(c)] = v;
+                const float v = dot(basis + j * std::size_t(count), coefficients[c], count);
+                storeUnaligned(
+                    dstPlanes ? dstPlanes[c] + i : dstInterleaved + i * std::size_t(channels) + c,
+                    v);
             }
         }
     }

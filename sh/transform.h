@@ -3,6 +3,7 @@
 
 #include <cstddef>
 
+#include "frame/unaligned.h"
 #include "vlkr.h"
 
 namespace vlkr::sh {
@@ -14,7 +15,8 @@ struct Channels {
     int count = 1;
     float value(int c, std::size_t i) const
     {
-        return planes ? planes[c][i] : interleaved[i * std::size_t(count) + std::size_t(c)];
+        return loadUnaligned(planes ? planes[c] + i
+                                    : interleaved + i * std::size_t(count) + std::size_t(c));
     }
 };
 

@@ -6,8 +6,10 @@
 #include <climits>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 
 #include "filter.h"
+#include "frame/unaligned.h"
 #include "geometry.h"
 #include "remap.h"
 #include "resize.h"
@@ -224,10 +226,12 @@ vlkStatus warpAffineGetBufSize(const Cuboid* srcVoi, const Cuboid* dstVoi, int n
 template <class T>
 vlkStatus warpAffine(const T* const src[], const VolumeSize* srcVolume, int srcStep,
                      const Cuboid* srcVoi, T* const dst[], int dstStep, const Cuboid* dstVoi,
-                     const double coeffs[3][4], int interpolation) noexcept
+                     const double callerCoeffs[3][4], int interpolation) noexcept
 {
     // Kept on purpose: coeffs is not tested. The records are, as for resize.
     if (!src || !dst) return vlkStatusNullPtr;
+    double coeffs[3][4];  // the caller's matrix may sit at any byte address
+    std::memcpy(coeffs, callerCoeffs, sizeof coeffs);
     if (!srcVolume || !srcVoi || !dstVoi) return vlkStatusNullPtr;
     if (!validVolume(*srcVolume) || !validCuboid(*srcVoi) || !validCuboid(*dstVoi))
         return vlkStatusSize;
@@ -318,16 +322,17 @@ vlkStatus filter(const Vlk16s* const src[], int srcStep, Vlk16s* const dst[], in
     if (!region || !kernelVolume) return vlkStatusNullPtr;
     if (!validVolume(*region) || !validVolume(*kernelVolume)) return vlkStatusSize;
     if (divisor == 0) return vlkStatusSize;  // there is no status of its own for it
-    const FilterJob job{src,
-                        elementStep<Vlk16s>(srcStep),
-                        dst,
-                        elementStep<Vlk16s>(dstStep),
-                        {region->width, region->height, region->depth},
-                        kernel,
-                        {kernelVolume->width, kernelVolume->height, kernelVolume->depth},
-                        {anchor[0], anchor[1], anchor[2]},
-                        divisor,
-                        buffer};
+    const FilterJob job{
+        src,
+        elementStep<Vlk16s>(srcStep),
+        dst,
+        elementStep<Vlk16s>(dstStep),
+        {region->width, region->height, region->depth},
+        kernel,
+        {kernelVolume->width, kernelVolume->height, kernelVolume->depth},
+        {loadUnaligned(anchor), loadUnaligned(anchor + 1), loadUnaligned(anchor + 2)},
+        divisor,
+        buffer};
     runFilter(job);
     return vlkStatusOk;
 }

@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "frame/unaligned.h"
+
 namespace vlkr::volume {
 namespace {
 
@@ -99,8 +101,8 @@ inline __m128i addKernelRow(__m128i sum, const FilterJob& job, int x, int y, int
     const std::int32_t* weights = job.kernel + std::ptrdiff_t(width) * (j + job.kernelSize[1] * k);
     const std::int16_t* row = sourceRow(job, x, y, z, 0, j, k);
     for (int i = 0; i < width; ++i)
-        sum =
-            _mm_add_epi32(sum, multiplyLow(loadVoxels(row - i, count), _mm_set1_epi32(weights[i])));
+        sum = _mm_add_epi32(sum, multiplyLow(loadVoxels(row - i, count),
+                                             _mm_set1_epi32(loadUnaligned(weights + i))));
     return sum;
 }
 
@@ -141,13 +143,13 @@ inline void addKernelRowPairs(__m128i& lo, __m128i& hi, const FilterJob& job,
     int i = 0;
     for (; i + 1 < width; i += 2) {
         const __m128i a = loadEight(row - i, count), b = loadEight(row - i - 1, count);
-        const __m128i w = pairOf(weights[i], weights[i + 1]);
+        const __m128i w = pairOf(loadUnaligned(weights + i), loadUnaligned(weights + i + 1));
         lo = _mm_add_epi32(lo, _mm_madd_epi16(_mm_unpacklo_epi16(a, b), w));
         hi = _mm_add_epi32(hi, _mm_madd_epi16(_mm_unpackhi_epi16(a, b), w));
     }
     if (i < width) {
         const __m128i a = loadEight(row - i, count), zero = _mm_setzero_si128();
-        const __m128i w = pairOf(weights[i], 0);
+        const __m128i w = pairOf(loadUnaligned(weights + i), 0);
         lo = _mm_add_epi32(lo, _mm_madd_epi16(_mm_unpacklo_epi16(a, zero), w));
         hi = _mm_add_epi32(hi, _mm_madd_epi16(_mm_unpackhi_epi16(a, zero), w));
     }
@@ -232,9 +234,12 @@ template <class Divide>
 void filterWith(const FilterJob& job, const Divide& divide)
 {
     const int* k = job.kernelSize;
-    const std::int32_t* end = job.kernel + std::ptrdiff_t(k[0]) * k[1] * k[2];
-    const bool narrow =
-        std::all_of(job.kernel, end, [](std::int32_t w) { return w == std::int16_t(w); });
+    const std::ptrdiff_t taps = std::ptrdiff_t(k[0]) * k[1] * k[2];
+    bool narrow = true;  // every weight fits in 16 bits
+    for (std::ptrdiff_t i = 0; i < taps && narrow; ++i) {
+        const std::int32_t w = loadUnaligned(job.kernel + i);
+        narrow = w == std::int16_t(w);
+    }
     if (k[0] == 3 && k[1] == 3 && k[2] == 3)
         narrow ? filterInPairs<3>(job, divide) : filterInRegisters<3>(job, divide);
     else if (k[0] == 5)

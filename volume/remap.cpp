@@ -21,7 +21,7 @@ struct RemapNearest {
     {
         const int x = int(s[0] + kNearestRound), y = int(s[1] + kNearestRound);
         const int z = kAxes == 3 ? int(s[2] + kNearestRound) : 0;
-        return loadVoxel(job.src.row(job.src.plane(z), y) + x);
+        return loadUnaligned(job.src.row(job.src.plane(z), y) + x);
     }
 };
 
@@ -150,11 +150,11 @@ void remapRows(const RemapJob<T>& caller)
             const float* zs = kAxes == 3 ? byteOffset(job.map[2][z], mapRow) : nullptr;
             T* out = byteOffset(job.dst[z], std::ptrdiff_t(y) * job.dstStep);
             for (int x = 0; x < job.size[0]; ++x) {
-                const float s[3] = {loadVoxel(xs + x), loadVoxel(ys + x),
-                                    kAxes == 3 ? loadVoxel(zs + x) : 0.0f};
+                const float s[3] = {loadUnaligned(xs + x), loadUnaligned(ys + x),
+                                    kAxes == 3 ? loadUnaligned(zs + x) : 0.0f};
                 bool inside = true;
                 for (int a = 0; a < kAxes; ++a) inside = inside && s[a] >= lo[a] && s[a] <= hi[a];
-                if (inside) storeVoxel(out + x, Sampler::template sample<T, kAxes>(job, s));
+                if (inside) storeUnaligned(out + x, Sampler::template sample<T, kAxes>(job, s));
             }
         }
 }

@@ -136,7 +136,7 @@ inline void prefetchSpan(const T* row, int first, int last)
 template <class T>
 inline void gatherRow(const T* row, const int* index, int n, T* out)
 {
-    for (int p = 0; p < n; ++p) storeVoxel(out + p, loadVoxel(row + index[p]));
+    for (int p = 0; p < n; ++p) storeUnaligned(out + p, loadUnaligned(row + index[p]));
 }
 
 // Slots of kSlots cached rows or planes, keyed by source index. A key missing from the

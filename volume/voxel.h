@@ -10,6 +10,8 @@
 #include <limits>
 #include <type_traits>
 
+#include "frame/unaligned.h"
+
 namespace vlkr::volume {
 
 // Float to integer voxel: truncate(v + kStoreBias) in double, saturated to the type.
@@ -32,26 +34,11 @@ inline T roundToVoxel(double v)
     }
 }
 
-// Caller rows may start at any byte address, so every voxel access goes through memcpy.
-template <class T>
-inline T loadVoxel(const T* p)
-{
-    T v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
-
-template <class T>
-inline void storeVoxel(T* p, T v)
-{
-    std::memcpy(p, &v, sizeof v);
-}
-
 // Voxel x of a row as the sampler's arithmetic type (float or double), exactly.
 template <class Real, class T>
 inline Real voxelAs(const T* row, int x)
 {
-    return Real(loadVoxel(row + x));
+    return Real(loadUnaligned(row + x));
 }
 
 // The integer voxel types share one rounding, truncate(double(v) + kStoreBias) saturated,
@@ -100,7 +87,7 @@ struct VoxelTraits<std::uint8_t> {
 
 template <>
 struct VoxelTraits<std::uint16_t> {
-    static float load(const std::uint16_t* p) { return float(loadVoxel(p)); }
+    static float load(const std::uint16_t* p) { return float(loadUnaligned(p)); }
     static __m128 load4(const std::uint16_t* p)
     {
         const __m128i h = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
@@ -108,8 +95,9 @@ struct VoxelTraits<std::uint16_t> {
     }
     static __m128 gather4(const std::uint16_t* row, const int* i)
     {
-        return _mm_cvtepi32_ps(_mm_setr_epi32(loadVoxel(row + i[0]), loadVoxel(row + i[1]),
-                                              loadVoxel(row + i[2]), loadVoxel(row + i[3])));
+        return _mm_cvtepi32_ps(_mm_setr_epi32(loadUnaligned(row + i[0]), loadUnaligned(row + i[1]),
+                                              loadUnaligned(row + i[2]),
+                                              loadUnaligned(row + i[3])));
     }
     static void store4(std::uint16_t* p, __m128 v)
     {
@@ -123,12 +111,12 @@ struct VoxelTraits<std::uint16_t> {
 
 template <>
 struct VoxelTraits<float> {
-    static float load(const float* p) { return loadVoxel(p); }
+    static float load(const float* p) { return loadUnaligned(p); }
     static __m128 load4(const float* p) { return _mm_loadu_ps(p); }
     static __m128 gather4(const float* row, const int* i)
     {
-        return _mm_setr_ps(loadVoxel(row + i[0]), loadVoxel(row + i[1]), loadVoxel(row + i[2]),
-                           loadVoxel(row + i[3]));
+        return _mm_setr_ps(loadUnaligned(row + i[0]), loadUnaligned(row + i[1]),
+                           loadUnaligned(row + i[2]), loadUnaligned(row + i[3]));
     }
     static void store4(float* p, __m128 v) { _mm_storeu_ps(p, v); }  // as is, no clamping
 };

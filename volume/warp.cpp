@@ -26,7 +26,7 @@ struct WarpNearest {
     {
         const int x = int(s[0] + kNearestRound), y = int(s[1] + kNearestRound);
         const int z = kAxes == 3 ? int(s[2] + kNearestRound) : 0;
-        return loadVoxel(src.row(src.plane(z), y) + x);
+        return loadUnaligned(src.row(src.plane(z), y) + x);
     }
 };
 
@@ -151,8 +151,8 @@ void warpRows(const WarpJob<T>& job, double* coords, int capacity)
                     bool inside = true;
                     for (int r = 0; r < 3; ++r) inside = inside && p[r] >= lo[r] && p[r] <= hi[r];
                     if (inside)
-                        storeVoxel(row + begin + i,
-                                   Sampler::template sample<T, kAxes>(src, p, box));
+                        storeUnaligned(row + begin + i,
+                                       Sampler::template sample<T, kAxes>(src, p, box));
                 }
             }
         }

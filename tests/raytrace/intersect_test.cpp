@@ -421,4 +421,56 @@ TEST(IntersectLayers, AgreeWithTheOracleLayerByLayer)
     }
 }
 
+// Twelve copies of one triangle give every ray the same t for all copies it may still take,
+// so each layer reports the lowest-numbered copy that neither the previous layer nor a ring
+// slot the layer consults holds, until no copy lies ahead. Far from the origin, the hit point
+// often rounds back to where the ray already was, and such rays go on through many layers:
+// layer 8 is the first that only a ring of eight passes over, layer 9 consults no slot.
+TEST(IntersectLayers, RingOfEightRecentTrianglesOnCoincidentCopies)
+{
+    const float corners[9] = {5.469522f,    -1226.59082f, -1592.41565f, 0.587217808f, -1230.19141f,
+                              -1590.42725f, 1.38698685f,  -1230.90955f, -1591.82727f};
+    const float eye[3] = {-4.81312132f, -1248.89001f, -1601.36353f};
+    constexpr int kCopies = 12, kLayers = 12;
+    Mesh m;
+    for (int c = 0; c < kCopies; ++c) m.add(corners);
+    const Scene s(m, KDTreeBuildSimple);
+    std::mt19937 rng(1);
+    std::gamma_distribution<float> weight(1.0f);
+    Rays r(64, 63, kLayers);
+    std::fill(r.dist.begin(), r.dist.end(), FLT_MAX);
+    for (std::size_t i = 0; i < r.size(); ++i) {
+        // Through a random point of the triangle, from the eye, at twice the length.
+        const float w[3] = {weight(rng), weight(rng), weight(rng)};
+        for (int k = 0; k < 3; ++k) {
+            const float on = (w[0] * corners[k] + w[1] * corners[3 + k] + w[2] * corners[6 + k]) /
+                             (w[0] + w[1] + w[2]);
+            r.d[k][i] = 2.0f * (on - eye[k]);
+        }
+    }
+    ASSERT_EQ(r.multiple(eye, s), vlkStatusOk);
+    int reached[kLayers + 1] = {};
+    for (std::size_t i = 0; i < r.size(); ++i) {
+        int ring[8], previous = -1, layer = 1;
+        for (; layer <= kLayers; ++layer) {
+            const int got = r.tri[(layer - 1) * r.size() + i];
+            if (got < 0) break;
+            int want = 0;
+            auto passedOver = [&](int c) {
+                if (c == previous) return true;
+                for (int slot = 0; slot < (layer - 1) % 8; ++slot)
+                    if (ring[slot] == c) return true;
+                return false;
+            };
+            while (passedOver(want)) ++want;
+            ASSERT_EQ(got, want) << "ray " << i << ", layer " << layer;
+            ring[(layer - 1) % 8] = previous = got;
+            ++reached[layer];
+        }
+        for (; layer <= kLayers; ++layer) ASSERT_EQ(r.tri[(layer - 1) * r.size() + i], -1);
+    }
+    EXPECT_GT(reached[1], int(r.size()) * 9 / 10);
+    EXPECT_GE(reached[9], 4) << "rays through the wrap of the ring";
+}
+
 }  // namespace
