@@ -2,8 +2,6 @@
 // alignment together with its pointer checks, and the worked examples that pin the numbers.
 #include <cmath>
 #include <cstdint>
-#include <cstring>
-#include <random>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -84,52 +82,6 @@ TEST(ShadingDistAttenuation, MatchesModelAndLeavesThePointUnchecked)
                 t.set(h.k + c, e, t.value(p.k, c) + t.uniform(-0.7f, 0.7f));
         return t.run(vlkrDistAttenuationSO_32f_M, distAttenuation, {h, m, r}, p, h, m, r, Count{});
     });
-}
-
-// Arrays need not sit on float boundaries. The operations whose groups of four start where one
-// array is 16-byte aligned go one ray at a time when it is not even 4-byte aligned: with every
-// array 1-3 bytes off a float boundary they give the bits that aligned copies get.
-TEST(ShadingMul, ArraysOffFloatBoundariesGiveTheAlignedBits)
-{
-    std::mt19937 rng(108);
-    std::uniform_real_distribution<float> value(-4.0f, 4.0f);
-    // Plane 0 is a factor, 1-3 sources and factors, 4-6 changed in place, 7 the mask.
-    auto run = [](float* const* q, const int* mask, int n) {
-        const float k[3] = {0.5f, -2.0f, 3.0f};
-        const float* src[3] = {q[1], q[2], q[3]};
-        float* dst[3] = {q[4], q[5], q[6]};
-        ASSERT_EQ(vlkrAddMulMul_32f_AC1P3IM(k, q[0], src, mask, dst, n), vlkStatusOk);
-        ASSERT_EQ(vlkrMul_32f_C1IM(q[1], mask, q[5], n), vlkStatusOk);
-        float* planes[3] = {q[6], q[4], q[2]};
-        ASSERT_EQ(vlkrMul_32f_C1P3IM(q[3], mask, planes, n), vlkStatusOk);
-    };
-    for (const int n : {1, 3, 4, 9, 22}) {
-        std::vector<float> aligned[8];
-        for (auto& plane : aligned) {
-            plane.resize(n);
-            for (float& v : plane) v = value(rng);
-        }
-        for (int e = 0; e < n; ++e) aligned[7][e] = e % 3 == 1 ? -1.0f : 0.0f;
-        std::vector<int> mask(aligned[7].begin(), aligned[7].end());
-        std::memcpy(aligned[7].data(), mask.data(), 4 * std::size_t(n));
-        for (const int shift : {1, 2, 3}) {
-            std::vector<unsigned char> bytes[8];
-            float* at[8];
-            for (int p = 0; p < 8; ++p) {
-                bytes[p].assign(4 * n + 16, 0);  // vectors start 16-byte aligned
-                at[p] = reinterpret_cast<float*>(bytes[p].data() + shift);
-                std::memcpy(at[p], aligned[p].data(), 4 * std::size_t(n));
-            }
-            std::vector<float> want[8];
-            float* wantAt[8];
-            for (int p = 0; p < 8; ++p) want[p] = aligned[p], wantAt[p] = want[p].data();
-            run(wantAt, mask.data(), n);
-            run(at, reinterpret_cast<const int*>(at[7]), n);
-            for (int p = 1; p < 7; ++p)
-                EXPECT_EQ(std::memcmp(at[p], wantAt[p], 4 * std::size_t(n)), 0)
-                    << "plane " << p << ", " << n << " rays, " << shift << " bytes off";
-        }
-    }
 }
 
 TEST(ShadingDiv, ZeroDivisorGivesSignedInfinityOrDefaultNaNAndWarns)
