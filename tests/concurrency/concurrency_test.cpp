@@ -22,7 +22,7 @@ namespace vlkr::test {
 namespace {
 
 constexpr int kThreads = 8;
-constexpr int kRounds = 2;
+constexpr int kRounds = 4;
 constexpr int kW = 16, kH = 16, kN = kW * kH, kLayers = 4;
 constexpr int kDirections = 64;
 constexpr int kShMax = 15, kShCoeffs = (kShMax + 1) * (kShMax + 1);
