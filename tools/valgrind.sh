@@ -33,7 +33,7 @@ for program in $programs; do
     if (cd "$build/tests" &&
         nice valgrind --quiet --error-exitcode=1 --leak-check=full \
             --errors-for-leak-kinds=definite,indirect --show-leak-kinds=definite,indirect \
-            "./$name" --gtest_filter="$filter" --gtest_brief=1); then
+            "./$name" --gtest_filter="$filter"); then
         echo "== $name passed in $((SECONDS - begin)) s"
     else
         echo "== $name FAILED in $((SECONDS - begin)) s"
