@@ -467,7 +467,7 @@ void rayJobs(const Shared& s, std::vector<Job>& jobs)
                         out.addTo(r);
                         return r;
                     }});
-    jobs.push_back({"scene data", [&s] {
+    jobs.push_back({"scene data and version", [&s] {
                         std::vector<TriangleAccel> accel(s.accel.size());
                         std::vector<float> box(6, -1.0f);
                         int size = 0;
@@ -480,6 +480,8 @@ void rayJobs(const Shared& s, std::vector<Job>& jobs)
                         r.status(vlkrSetBoundBox_32f(s.mesh.vertices.data(), s.mesh.vertexCount(),
                                                      box.data()));
                         r.add(accel), r.add(box);
+                        const LibVersion* version = vlkrGetLibVersion();
+                        r.raw(&version, sizeof version), r.raw(version, sizeof *version);
                         return r;
                     }});
     // Tree builds of every thread at once, each with its own working storage.
