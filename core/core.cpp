@@ -27,35 +27,18 @@ struct AllocStats {
 AllocStats gStats;  // test-only bookkeeping; the shipped library has no globals
 #endif
 
-bool osSavesYmm(unsigned ecx1) noexcept
-{
-    constexpr unsigned kOsxsave = 1u << 27;
-    if (!(ecx1 & kOsxsave)) return false;
-    unsigned lo, hi;
-    __asm__ volatile("xgetbv" : "=a"(lo), "=d"(hi) : "c"(0));
-    return (lo & 0x6) == 0x6;  // XMM and YMM state enabled
-}
+// The words the feature mask is read from: CPUID leaf 1 ECX and EDX, leaf 7 EBX (0 where the
+// processor has no leaf 7) and XCR0 (0 where the operating system does not report it).
+struct CpuidWords {
+    unsigned ecx1, edx1, ebx7, xcr0;
+};
 
-bool osSavesZmm() noexcept
+unsigned long long featureMask(const CpuidWords& w) noexcept
 {
-    unsigned lo, hi;
-    __asm__ volatile("xgetbv" : "=a"(lo), "=d"(hi) : "c"(0));
-    return (lo & 0xE6) == 0xE6;  // XMM, YMM, opmask and both ZMM halves
-}
-
-unsigned long long readCpuFeatures() noexcept
-{
-    unsigned a, b, c, d;
-    if (!__get_cpuid(1, &a, &b, &c, &d)) return 0;
-    const unsigned ecx1 = c;
-    const unsigned edx1 = d;
-    unsigned ebx7 = 0;
-    if (__get_cpuid_max(0, nullptr) >= 7) {
-        __cpuid_count(7, 0, a, b, c, d);
-        ebx7 = b;
-    }
     auto bit = [](unsigned reg, int n) { return (reg >> n) & 1u; };
-    const bool ymm = osSavesYmm(ecx1);
+    const bool ymm = (w.xcr0 & 0x6) == 0x6;    // XMM and YMM state enabled
+    const bool zmm = (w.xcr0 & 0xE6) == 0xE6;  // XMM, YMM, opmask and both ZMM halves
+    const unsigned ecx1 = w.ecx1, edx1 = w.edx1, ebx7 = w.ebx7;
     unsigned long long mask = 0;
     if (bit(edx1, 23)) mask |= VLK_CPU_MMX;
     if (bit(edx1, 25)) mask |= VLK_CPU_SSE;
@@ -75,8 +58,32 @@ unsigned long long readCpuFeatures() noexcept
     if (bit(ebx7, 3)) mask |= VLK_CPU_BMI1;
     if (bit(ebx7, 8)) mask |= VLK_CPU_BMI2;
     if (bit(ecx1, 23)) mask |= VLK_CPU_POPCNT;
-    if (bit(ebx7, 16) && ymm && osSavesZmm()) mask |= VLK_CPU_AVX512F;
+    if (bit(ebx7, 16) && zmm) mask |= VLK_CPU_AVX512F;
     return mask;
+}
+
+CpuidWords readCpuid() noexcept
+{
+    unsigned a, b, c, d;
+    __cpuid(1, a, b, c, d);  // every 64-bit processor has leaf 1
+    CpuidWords w{c, d, 0, 0};
+    if (__get_cpuid_max(0, nullptr) >= 7) {
+        __cpuid_count(7, 0, a, b, c, d);
+        w.ebx7 = b;
+    }
+    constexpr unsigned kOsxsave = 1u << 27;
+    if (w.ecx1 & kOsxsave) {  // XGETBV faults unless the operating system enabled it
+        unsigned lo, hi;
+        __asm__ volatile("xgetbv" : "=a"(lo), "=d"(hi) : "c"(0));
+        w.xcr0 = lo;
+    }
+    return w;
+}
+
+// Blocks rounded up to whole 64-byte units, as aligned allocation wants; null when short.
+void* alignedBlock(std::size_t bytes) noexcept
+{
+    return std::aligned_alloc(kAlignment, (bytes + kAlignment - 1) / kAlignment * kAlignment);
 }
 
 }  // namespace
@@ -88,18 +95,15 @@ VLKCORE_API void* vlkMalloc(int length)
     if (length <= 0) return nullptr;
 #ifdef VLKCORE_TESTING
     ++gStats.calls;
-    if (gStats.failAt != 0 && gStats.calls == gStats.failAt) return nullptr;
-    void* raw = nullptr;
-    if (posix_memalign(&raw, kAlignment, kAlignment + static_cast<std::size_t>(length)) != 0)
-        return nullptr;
-    *static_cast<long long*>(raw) = length;
+    const bool fail = gStats.failAt != 0 && gStats.calls == gStats.failAt;
+    char* raw = static_cast<char*>(fail ? nullptr : alignedBlock(kAlignment + std::size_t(length)));
+    if (!raw) return nullptr;
+    *reinterpret_cast<long long*>(raw) = length;
     gStats.liveBytes += length;
     if (gStats.liveBytes > gStats.peakBytes) gStats.peakBytes = gStats.liveBytes;
-    return static_cast<char*>(raw) + kAlignment;
+    return raw + kAlignment;
 #else
-    void* block = nullptr;
-    if (posix_memalign(&block, kAlignment, static_cast<std::size_t>(length)) != 0) return nullptr;
-    return block;
+    return alignedBlock(std::size_t(length));
 #endif
 }
 
@@ -120,7 +124,7 @@ VLKCORE_API unsigned long long vlkGetEnabledCpuFeatures(void)
 #ifdef VLKCORE_TESTING
     if (gStats.overrideFeatures) return gStats.featureOverride;
 #endif
-    return readCpuFeatures();
+    return featureMask(readCpuid());
 }
 
 #ifdef VLKCORE_TESTING
@@ -140,6 +144,12 @@ VLKCORE_API void vlkTestOverrideCpuFeatures(int enable, unsigned long long mask)
 {
     gStats.overrideFeatures = enable != 0;
     gStats.featureOverride = mask;
+}
+
+VLKCORE_API unsigned long long vlkTestCpuFeaturesFrom(unsigned ecx1, unsigned edx1, unsigned ebx7,
+                                                      unsigned xcr0)
+{
+    return featureMask({ecx1, edx1, ebx7, xcr0});
 }
 #endif
 

@@ -19,6 +19,10 @@ VLKCORE_API long long vlkTestLiveBytes(void);
 VLKCORE_API long long vlkTestPeakBytes(void);
 /* While enabled, vlkGetEnabledCpuFeatures returns mask instead of reading CPUID. */
 VLKCORE_API void vlkTestOverrideCpuFeatures(int enable, unsigned long long mask);
+/* The mask vlkGetEnabledCpuFeatures makes of these CPUID leaf 1 ECX and EDX, leaf 7 EBX and
+ * XCR0 words, without reading the processor. */
+VLKCORE_API unsigned long long vlkTestCpuFeaturesFrom(unsigned ecx1, unsigned edx1, unsigned ebx7,
+                                                      unsigned xcr0);
 
 #ifdef __cplusplus
 }

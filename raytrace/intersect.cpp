@@ -252,10 +252,7 @@ void nearestHits(Origins origin, const float* const dir[3], float* dist, float* 
                 h.best = loadUnaligned(dist + i);
                 return setUp(ray, i);
             },
-            [&](std::size_t i, int, Ray&, NearestHit& h) {
-                store(i, h);
-                return false;
-            });
+            [&](std::size_t i, int, Ray&, NearestHit& h) { store(i, h); });
         return;
     }
 

@@ -309,9 +309,7 @@ void walkTree(const KDTreeNode* root, const TriangleAccel* accel, float epsilon,
  * Walks rays 0 .. count - 1 kSlots at a time, taking turns one step each, so that the cache
  * misses of rays that go separate ways overlap instead of queueing. start(i, slot, ray, hits)
  * sets ray i up in a slot and returns false when it has nothing to walk. finish(i, slot, ray,
- * hits) takes the outcome of a walk and returns true, with the ray and policy set up anew,
- * when the same ray walks again (the next layer). Every walk takes exactly the steps it would
- * take alone.
+ * hits) takes the outcome of a walk. Every walk takes exactly the steps it would take alone.
  */
 template <int kSlots, class Policy, class Start, class Finish>
 void walkInterleaved(const KDTreeNode* root, const TriangleAccel* accel, float epsilon,
@@ -340,10 +338,8 @@ void walkInterleaved(const KDTreeNode* root, const TriangleAccel* accel, float e
             if (!busy[s] || walk[s].step(accel, epsilon)) continue;
             Ray r = walk[s].ray();
             Policy h = walk[s].hits;
-            if (finish(ray[s], s, r, h))
-                walk[s].begin(root, r, h);
-            else if (!refill(s))
-                busy[s] = false, --live;
+            finish(ray[s], s, r, h);
+            if (!refill(s)) busy[s] = false, --live;
         }
 }
 

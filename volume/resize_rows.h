@@ -147,18 +147,19 @@ class SlotCache {
    public:
     SlotCache() { std::fill(key_, key_ + kSlots, -1); }
 
-    // Slot of `key`; `fresh` says whether the caller must fill it.
+    // Slot of `key`, one of the kSlots keys `needed` at the current position; `fresh` says
+    // whether the caller must fill it.
     int acquire(int key, const int* needed, bool* fresh)
     {
         for (int s = 0; s < kSlots; ++s)
             if (key_[s] == key) return *fresh = false, s;
-        for (int s = 0; s < kSlots; ++s) {
-            if (std::find(needed, needed + kSlots, key_[s]) == needed + kSlots) {
-                key_[s] = key;
-                return *fresh = true, s;
-            }
-        }
-        return *fresh = true, 0;  // unreachable: more distinct taps than slots
+        // The slots hold distinct keys and `key` is needed but not among them, so at most
+        // kSlots - 1 slots hold needed keys: the search stops on a slot.
+        int s = 0;
+        while (std::find(needed, needed + kSlots, key_[s]) != needed + kSlots) ++s;
+        key_[s] = key;
+        *fresh = true;
+        return s;
     }
 
    private:

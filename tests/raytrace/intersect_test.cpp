@@ -100,6 +100,18 @@ Mesh testSoup(std::mt19937& rng, int n)
     return m;
 }
 
+// The mesh with degenerate triangles after it, made of its own corners (one repeated, or one
+// alone), whose all-zero records no walk may report.
+Mesh withDegenerates(Mesh m)
+{
+    const int count = m.triangleCount();
+    for (int t = 0; t < count; t += 5) {
+        const int a = m.triangles[4 * t], c = m.triangles[4 * t + 2];
+        m.triangles.insert(m.triangles.end(), {a, a, c, 0, c, c, c, 0});
+    }
+    return m;
+}
+
 // ------------------------------------------------------------------ nearest hit
 
 // Every ray's triangle, distance and weights, in every layer, as words to compare.
@@ -145,7 +157,7 @@ TEST(IntersectNearest, AgreesWithTheOracleAndEveryWalkGivesTheSameBits)
         Mesh mesh;
         unsigned mode;
         bool perRay;
-    } cases[] = {{testSoup(rng, 300), KDTreeBuildSimple, false},
+    } cases[] = {{withDegenerates(testSoup(rng, 300)), KDTreeBuildSimple, false},
                  {testSoup(rng, 2000), KDTreeBuildSAH, false},
                  {vlkr::test::randomTerrain(rng, 30), KDTreeBuildSAH, false},
                  {vlkr::test::sphere(20, 40), KDTreeBuildSAH, false},
@@ -198,6 +210,18 @@ TEST(IntersectNearest, EdgesAndCornersCount)
     ASSERT_EQ(r.eye(nullptr, s), vlkStatusOk);
     EXPECT_EQ(r.tri, (std::vector<int>{0, 0, 0, 1}));
     EXPECT_EQ(r.dist, std::vector<float>(4, 2.0f));
+
+    // A block whose rays all leave the box, or are all passed over, walks nothing: no hit,
+    // distances and masks as they were.
+    for (int i = 0; i < 4; ++i) r.d[2][i] = 1.0f, r.dist[i] = FLT_MAX;
+    const float above[3] = {0.5f, 0.5f, 2.0f};
+    ASSERT_EQ(r.eye(above, s), vlkStatusOk);
+    EXPECT_EQ(r.tri, std::vector<int>(4, -1));
+    EXPECT_EQ(r.dist, std::vector<float>(4, FLT_MAX));
+    for (int i = 0; i < 4; ++i) r.d[2][i] = -1.0f, r.mask[i] = -1 - i, r.tri[i] = 7;
+    ASSERT_EQ(r.any(above, s), vlkStatusOk);
+    EXPECT_EQ(r.tri, std::vector<int>(4, -1));
+    EXPECT_EQ(r.mask, (std::vector<int>{-1, -2, -3, -4}));
 }
 
 TEST(IntersectNearest, AGridOfRaysGivesItsRecordedHash)
@@ -262,6 +286,14 @@ TEST(IntersectChecks, NullPointersInArgumentOrderAndEmptyBlocks)
         EXPECT_EQ(r.eye(eye, s), vlkStatusOk);
         EXPECT_EQ(r.eye(nullptr, s), vlkStatusOk);
         EXPECT_EQ(r.any(eye, s), vlkStatusOk);
+        EXPECT_EQ(r.multiple(eye, s), vlkStatusOk);
+        for (int t : r.tri) ASSERT_EQ(t, 7);
+    }
+    // Layered hits: a volume without layers is empty too.
+    r.block = {8, 8};
+    for (int layers : {0, -1}) {
+        r.layers = layers;
+        EXPECT_EQ(r.multiple(eye, s), vlkStatusOk);
         for (int t : r.tri) ASSERT_EQ(t, 7);
     }
 }
@@ -273,7 +305,7 @@ TEST(IntersectAny, FirstOccluderInIndexOrderOnlyStrictlyBetweenZeroAndOne)
     std::mt19937 rng(404);
     for (unsigned mode : {KDTreeBuildSimple, KDTreeBuildSAH}) {
         // From the light to random points: occluded when a triangle lies strictly between.
-        const Scene s(testSoup(rng, 800), mode);
+        const Scene s(withDegenerates(testSoup(rng, 800)), mode);
         const float light[3] = {2.0f, 9.0f, -3.0f};
         Rays r = randomRays(rng, light, s.box, 32, 32);
         std::uniform_int_distribution<int> maskValue(-2, 3);

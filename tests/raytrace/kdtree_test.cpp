@@ -303,6 +303,20 @@ TEST(KDTreeBudget, EveryAllocationFailureReleasesEverything)
     }
     // The one-leaf tree makes one allocation, and its failure is NoMemory.
     EXPECT_EQ(trackedBuild(soup, simple(), 1), vlkStatusNoMemory);
+    // A one-leaf tree of 2^31 bytes or more cannot be allocated at all: NoMemory, with no
+    // allocation tried and nothing written. 536870906 triangles are the fewest that need it.
+    for (int t : {536870906, INT_MAX}) {
+        const float v[3] = {};
+        const int tri[4] = {};
+        KDTreeNode* tree = reinterpret_cast<KDTreeNode*>(0x99);
+        int size = -5;
+        const KDTreeBuildContext p = simple();
+        vlkTestResetAllocations();
+        EXPECT_EQ(vlkrKDTreeBuildAlloc(&tree, v, tri, 1, t, &size, &p), vlkStatusNoMemory) << t;
+        EXPECT_EQ(vlkTestAllocationCalls(), 0);
+        EXPECT_EQ(tree, reinterpret_cast<KDTreeNode*>(0x99));
+        EXPECT_EQ(size, -5);
+    }
 }
 
 }  // namespace

@@ -17,6 +17,26 @@ namespace {
 
 using vlkr::test::bitsOf;
 
+const float kV[2] = {0.0f, 1.0f};  // a direction, sample or coefficient list that is never null
+
+// Hands out the pointer arguments of one call, making the one numbered `hole` null; `slot` ends
+// as the number of pointers the call took.
+struct Holes {
+    int hole, slot = 0;
+    template <class T>
+    T* operator()(T* p)
+    {
+        return slot++ == hole ? nullptr : p;
+    }
+    // An array of three: the array itself is a slot and so is each entry, copied to `copy`.
+    template <class T>
+    T* const* three(T* const* p, T** copy)
+    {
+        for (int c = 0; c < 3; ++c) copy[c] = (*this)(p[c]);
+        return (*this)(copy);
+    }
+};
+
 // A state block in 16-byte-aligned storage filled with 0xAB, sized by the library.
 struct State {
     alignas(16) unsigned char storage[2048];  // the largest block is 1888 bytes
@@ -72,14 +92,29 @@ TEST(SHState, SizesOfBothKindsAndTheDirectBlock)
     const struct {
         int maxL, type, want;
         vlkStatus status;
-    } rows[] = {{15, 0, 16, vlkStatusOk},  {0, 0, 16, vlkStatusOk},   {15, 1, 1120, vlkStatusOk},
-                {0, 1, 64, vlkStatusOk},   {1, 1, 64, vlkStatusOk},   {20, 1, 1888, vlkStatusOk},
-                {16, 0, -1, vlkStatusSize}, {-1, 0, -1, vlkStatusSize}, {-1, 1, -1, vlkStatusSize},
-                {3, 2, -1, vlkStatusAlgType}, {3, -1, -1, vlkStatusAlgType}};
+    } rows[] = {{15, 0, 16, vlkStatusOk},
+                {0, 0, 16, vlkStatusOk},
+                {15, 1, 1120, vlkStatusOk},
+                {0, 1, 64, vlkStatusOk},
+                {1, 1, 64, vlkStatusOk},
+                {20, 1, 1888, vlkStatusOk},
+                {16, 0, -1, vlkStatusSize},
+                {-1, 0, -1, vlkStatusSize},
+                {-1, 1, -1, vlkStatusSize},
+                {3, 2, -1, vlkStatusAlgType},
+                {3, -1, -1, vlkStatusAlgType},
+                // The largest recurrence block that an int can size, and the first too large.
+                {23168, 1, 2147302976, vlkStatusOk},
+                {23169, 1, -1, vlkStatusSize}};
     for (const auto& r : rows) {
         size = -1;
         EXPECT_EQ(vlkrSHGetSize_32f(r.maxL, r.type, &size), r.status) << r.maxL << " " << r.type;
         EXPECT_EQ(size, r.want) << r.maxL << " " << r.type;
+        // Init makes the same checks in the same order.
+        State scratch(0, SHTypeDirect);
+        if (r.want <= int(sizeof scratch.storage)) {
+            EXPECT_EQ(vlkrSHInit_32f(scratch.ctx, r.maxL, r.type), r.status) << r.maxL;
+        }
     }
     EXPECT_EQ(vlkrSHGetSize_32f(3, 1, nullptr), vlkStatusNullPtr);
     EXPECT_EQ(vlkrSHInit_32f(nullptr, 3, 1), vlkStatusNullPtr);
@@ -243,6 +278,80 @@ TEST(SHChecks, OrderOfChecksAndNothingWritten)
     EXPECT_EQ(vlkrSHTInv_32f_C1(c0, 16, v, v, v, out, 1, rec.ctx), vlkStatusAlgType)
         << "band 15 at most";
     for (float f : c0) EXPECT_EQ(f, 7.0f);
+    for (float f : out) ASSERT_EQ(f, 7.0f);
+
+    // Every pointer, the arrays of three and each of their entries, is checked before the
+    // count and the order: with any one of them null the call is refused although N is 0 and L
+    // is 99. With none null, the count (the band for vlkrSHBand_32f) decides.
+    using Call = vlkStatus (*)(Holes&, int n, int L, const SHContext*);
+    const std::pair<Call, vlkStatus> calls[] = {
+        {[](Holes& h, int n, int L, const SHContext* ctx) {
+             float o[1];
+             return vlkrSH_32f(h(kV), h(kV), h(kV), n, h(o), L, h(ctx));
+         },
+         vlkStatusSize},
+        {[](Holes& h, int n, int L, const SHContext*) {
+             float o[1];
+             return vlkrSHBand_32f(h(kV), h(kV), h(kV), n, h(o), L);
+         },
+         vlkStatusAlgType},
+        {[](Holes& h, int n, int L, const SHContext* ctx) {
+             float c[1];
+             return vlkrSHTFwd_32f_C1I(h(kV), h(kV), h(kV), h(kV), n, h(c), L, h(ctx));
+         },
+         vlkStatusSize},
+        {[](Holes& h, int n, int L, const SHContext* ctx) {
+             float c[3][1], *p[3] = {c[0], c[1], c[2]}, *q[3];
+             return vlkrSHTFwd_32f_C3P3I(h(kV), h(kV), h(kV), h(kV), n, h.three(p, q), L, h(ctx));
+         },
+         vlkStatusSize},
+        {[](Holes& h, int n, int L, const SHContext* ctx) {
+             float c[3][1], *p[3] = {c[0], c[1], c[2]}, *q[3];
+             const float *s[3] = {kV, kV, kV}, *t[3];
+             return vlkrSHTFwd_32f_P3I(h(kV), h(kV), h(kV), h.three(s, t), n, h.three(p, q), L,
+                                       h(ctx));
+         },
+         vlkStatusSize},
+        {[](Holes& h, int n, int L, const SHContext* ctx) {
+             float o[1];
+             return vlkrSHTInv_32f_C1(h(kV), L, h(kV), h(kV), h(kV), h(o), n, h(ctx));
+         },
+         vlkStatusSize},
+        {[](Holes& h, int n, int L, const SHContext* ctx) {
+             float o[3][1], *p[3] = {o[0], o[1], o[2]}, *q[3];
+             const float *s[3] = {kV, kV, kV}, *t[3];
+             return vlkrSHTInv_32f_P3(h.three(s, t), L, h(kV), h(kV), h(kV), h.three(p, q), n,
+                                      h(ctx));
+         },
+         vlkStatusSize},
+        {[](Holes& h, int n, int L, const SHContext* ctx) {
+             float o[3];
+             const float *s[3] = {kV, kV, kV}, *t[3];
+             return vlkrSHTInv_32f_P3C3(h.three(s, t), L, h(kV), h(kV), h(kV), h(o), n, h(ctx));
+         },
+         vlkStatusSize},
+    };
+    for (std::size_t k = 0; k < std::size(calls); ++k) {
+        for (int hole = 0;; ++hole) {
+            Holes h{hole};
+            const vlkStatus got = calls[k].first(h, 0, 99, small.ctx);
+            if (hole == h.slot) {
+                EXPECT_EQ(got, calls[k].second) << "operation " << k << ", no null";
+                break;
+            }
+            EXPECT_EQ(got, vlkStatusNullPtr) << "operation " << k << ", pointer " << hole;
+        }
+        if (k < 2) continue;
+        // The transforms: the order before a negative count, which is nothing to do.
+        Holes none{-1};
+        EXPECT_EQ(calls[k].first(none, -1, 4, small.ctx), vlkStatusAlgType) << k;
+        EXPECT_EQ(calls[k].first(none, -1, 3, small.ctx), vlkStatusOk) << k;
+    }
+
+    // A block of neither kind is refused by the evaluation.
+    State odd(3, SHTypeDirect);
+    odd.ctx->shType = 2;
+    EXPECT_EQ(vlkrSH_32f(v, v, v, 1, out, 1, odd.ctx), vlkStatusAlgType);
     for (float f : out) ASSERT_EQ(f, 7.0f);
 
     EXPECT_EQ(vlkrSH_32f(v, v, v, 1, out, 0, rec.ctx), vlkStatusOk);

@@ -136,6 +136,7 @@ const std::vector<CheckRow<Args>> kRows = {
     {"source x -1", [](Args& a) { a.src.x = -1; }, vlkStatusSize},
     {"destination width 0", [](Args& a) { a.dst.width = 0; }, vlkStatusSize},
     {"x factor -0", [](Args& a) { a.factor[0] = -0.0; }, vlkStatusResizeFactor},
+    {"y factor 0", [](Args& a) { a.factor[1] = 0.0; }, vlkStatusResizeFactor},
     {"z factor NaN", [](Args& a) { a.factor[2] = kNaN; }, vlkStatusResizeFactor},
     {"selector 3", [](Args& a) { a.selector = 3; }, vlkStatusInterpolation},
     {"selector 8", [](Args& a) { a.selector = 8; }, vlkStatusInterpolation},
@@ -148,6 +149,8 @@ const std::vector<CheckRow<Args>> kRows = {
     {"trimmed source ends before the destination",
      [](Args& a) { a.src = {5, 0, 0, 10, 5, 4}, a.factor[0] = 1, a.dst = {6, 0, 0, 4, 5, 4}; },
      vlkStatusNoOperation},
+    // Infinity times the origin 0 maps nowhere.
+    {"infinite x factor", [](Args& a) { a.factor[0] = INFINITY; }, vlkStatusNoOperation},
     {"valid", [](Args&) {}, vlkStatusOk, true},
 };
 
@@ -200,9 +203,16 @@ TEST(ResizeCuboid, BoxRoundsHalvesOutwardsAndClampsAtZero)
         {{3, 0, 0, 2, 2, 2}, {0.1, 1, 1}, {0, 0, 0}, 5, vlkStatusOk, {0, 0, 0, 1, 2, 2}},
         {kSrc, {1, 1, 1}, {-10, 0, 0}, 1, vlkStatusNoOperation, kUntouched},
         {kSrc, {1, 0.1, 1}, {0, -0.45, 0}, 6, vlkStatusNoOperation, kUntouched},
+        // Ends that are not numbers: a NaN shift, infinity times the origin 0, and an end
+        // that overflows to infinity less an infinite shift.
+        {kSrc, {1, 1, 1}, {0, kNaN, 0}, 2, vlkStatusNoOperation, kUntouched},
+        {kSrc, {1, 1, INFINITY}, {0, 0, 0}, 2, vlkStatusNoOperation, kUntouched},
+        {kSrc, {1e308, 1, 1}, {-INFINITY, 0, 0}, 2, vlkStatusNoOperation, kUntouched},
         {{-1, 0, 0, 4, 4, 4}, {1, 1, 1}, {0, 0, 0}, 2, vlkStatusSize, kUntouched},
         {{0, 0, 0, 0, 4, 4}, {0, 1, 1}, {0, 0, 0}, 3, vlkStatusSize, kUntouched},
         {kSrc, {1, 1, kNaN}, {0, 0, 0}, 3, vlkStatusResizeFactor, kUntouched},
+        {kSrc, {-1, 1, 1}, {0, 0, 0}, 3, vlkStatusResizeFactor, kUntouched},
+        {kSrc, {1, 0, 1}, {0, 0, 0}, 3, vlkStatusResizeFactor, kUntouched},
         {kSrc, {1, 1, 1}, {-10, 0, 0}, 0, vlkStatusInterpolation, kUntouched},
     };
     for (const auto& r : rows) {
@@ -214,6 +224,9 @@ TEST(ResizeCuboid, BoxRoundsHalvesOutwardsAndClampsAtZero)
             << box.x << "," << box.y << "," << box.z;
     }
     EXPECT_EQ(vlkrGetResizeCuboid(&kSrc, nullptr, 0, 1, 1, 0, 0, 0, 1), vlkStatusNullPtr);
+    Cuboid box = kUntouched;
+    EXPECT_EQ(vlkrGetResizeCuboid(nullptr, &box, 0, 1, 1, 0, 0, 0, 1), vlkStatusNullPtr);
+    EXPECT_EQ(std::memcmp(&box, &kUntouched, sizeof box), 0);
 }
 
 // The resize and warp queries share one check order and leave the size alone on failure;

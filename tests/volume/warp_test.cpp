@@ -300,6 +300,7 @@ const std::vector<Row> kPlaneRows = {
      vlkStatusNoMemory},
     {"source z 1", [](Args& a) { a.src.z = 1; }, vlkStatusWrongIntersectVOI},
     {"source x at the width", [](Args& a) { a.src.x = 6; }, vlkStatusWrongIntersectVOI},
+    {"source y at the height", [](Args& a) { a.src.y = 5; }, vlkStatusWrongIntersectVOI},
     {"destination width 1", [](Args& a) { a.dst.width = 1; }, vlkStatusRegionTooSmall},
     // The image starts at x = 0.5 but at y = -0.1: one row of voxels, or none, is too little.
     {"destination height 1", [](Args& a) { a.dst.height = 1; }, vlkStatusRegionTooSmall},
