@@ -8,6 +8,7 @@
 
 #include "fuzz_support.h"
 #include "vlkr.h"
+#include "volume_entry_points.h"
 
 namespace {
 
@@ -333,45 +334,19 @@ void bufferSize(Input& in, bool warp)
 }
 
 // The six resize exports behind one signature.
-vlkStatus resizeCall(const Vlk8u*, bool planar, const Volume& s, const VolumeSize* sv,
-                     const Cuboid* sc, const Volume& d, const Cuboid* dc, const double* f,
-                     const double* sh, int ip, unsigned char* buf, bool nullSrc, bool nullDst)
+template <class T>
+vlkStatus resizeCall(bool planar, const Volume& s, const VolumeSize* sv, const Cuboid* sc,
+                     const Volume& d, const Cuboid* dc, const double* f, const double* sh, int ip,
+                     unsigned char* buf, bool nullSrc, bool nullDst)
 {
+    using Ops = vlkr::test::Ops<T>;
     if (planar)
-        return vlkrResize_8u_C1PV(nullSrc ? nullptr : (const Vlk8u* const*)s.planes, sv, s.rowStep,
-                                  sc, nullDst ? nullptr : (Vlk8u* const*)d.planes, d.rowStep, dc,
-                                  f[0], f[1], f[2], sh[0], sh[1], sh[2], ip, buf);
-    return vlkrResize_8u_C1V(nullSrc ? nullptr : (const Vlk8u*)s.block, sv, s.rowStep, s.planeStep,
-                             sc, nullDst ? nullptr : (Vlk8u*)d.block, d.rowStep, d.planeStep, dc,
-                             f[0], f[1], f[2], sh[0], sh[1], sh[2], ip, buf);
-}
-
-vlkStatus resizeCall(const Vlk16u*, bool planar, const Volume& s, const VolumeSize* sv,
-                     const Cuboid* sc, const Volume& d, const Cuboid* dc, const double* f,
-                     const double* sh, int ip, unsigned char* buf, bool nullSrc, bool nullDst)
-{
-    if (planar)
-        return vlkrResize_16u_C1PV(nullSrc ? nullptr : (const Vlk16u* const*)s.planes, sv,
-                                   s.rowStep, sc, nullDst ? nullptr : (Vlk16u* const*)d.planes,
-                                   d.rowStep, dc, f[0], f[1], f[2], sh[0], sh[1], sh[2], ip, buf);
-    return vlkrResize_16u_C1V(nullSrc ? nullptr : (const Vlk16u*)(const void*)s.block, sv,
-                              s.rowStep, s.planeStep, sc,
-                              nullDst ? nullptr : (Vlk16u*)(void*)d.block, d.rowStep, d.planeStep,
-                              dc, f[0], f[1], f[2], sh[0], sh[1], sh[2], ip, buf);
-}
-
-vlkStatus resizeCall(const Vlk32f*, bool planar, const Volume& s, const VolumeSize* sv,
-                     const Cuboid* sc, const Volume& d, const Cuboid* dc, const double* f,
-                     const double* sh, int ip, unsigned char* buf, bool nullSrc, bool nullDst)
-{
-    if (planar)
-        return vlkrResize_32f_C1PV(nullSrc ? nullptr : (const Vlk32f* const*)s.planes, sv,
-                                   s.rowStep, sc, nullDst ? nullptr : (Vlk32f* const*)d.planes,
-                                   d.rowStep, dc, f[0], f[1], f[2], sh[0], sh[1], sh[2], ip, buf);
-    return vlkrResize_32f_C1V(nullSrc ? nullptr : (const Vlk32f*)(const void*)s.block, sv,
-                              s.rowStep, s.planeStep, sc,
-                              nullDst ? nullptr : (Vlk32f*)(void*)d.block, d.rowStep, d.planeStep,
-                              dc, f[0], f[1], f[2], sh[0], sh[1], sh[2], ip, buf);
+        return Ops::planes(nullSrc ? nullptr : (const T* const*)s.planes, sv, s.rowStep, sc,
+                           nullDst ? nullptr : (T* const*)d.planes, d.rowStep, dc, f[0], f[1], f[2],
+                           sh[0], sh[1], sh[2], ip, buf);
+    return Ops::block(nullSrc ? nullptr : (const T*)(const void*)s.block, sv, s.rowStep,
+                      s.planeStep, sc, nullDst ? nullptr : (T*)(void*)d.block, d.rowStep,
+                      d.planeStep, dc, f[0], f[1], f[2], sh[0], sh[1], sh[2], ip, buf);
 }
 
 template <class T>
@@ -408,8 +383,8 @@ void resize(Input& in, bool planar, const char* op)
     allowRegion(m, dst, planar, vs, written);
     m.allow(buffer, sized ? std::size_t(bufferSize) : 0);
     m.snapshot();
-    const vlkStatus st = resizeCall(static_cast<const T*>(nullptr), planar, src, srcVolume, srcVoi,
-                                    dst, dstVoi, f, sh, interpolation, bufferArg, nullSrc, nullDst);
+    const vlkStatus st = resizeCall<T>(planar, src, srcVolume, srcVoi, dst, dstVoi, f, sh,
+                                       interpolation, bufferArg, nullSrc, nullDst);
     expectStatus(op, st,
                  {vlkStatusOk, vlkStatusNoOperation, vlkStatusWrongIntersectVOI, vlkStatusNullPtr,
                   vlkStatusSize, vlkStatusResizeFactor, vlkStatusInterpolation});
@@ -447,31 +422,13 @@ bool degenerate(const double c[3][4])
            near(c[2][2] * c[1][0], c[1][2] * c[2][0]) && near(c[1][0] * c[2][1], c[1][1] * c[2][0]);
 }
 
-vlkStatus warpCall(const Vlk8u*, const Volume& s, const VolumeSize* sv, const Cuboid* sc,
-                   const Volume& d, const Cuboid* dc, const double* c, int ip, bool nullSrc,
-                   bool nullDst)
+template <class T>
+vlkStatus warpCall(const Volume& s, const VolumeSize* sv, const Cuboid* sc, const Volume& d,
+                   const Cuboid* dc, const double* c, int ip, bool nullSrc, bool nullDst)
 {
-    return vlkrWarpAffine_8u_C1PV(nullSrc ? nullptr : (const Vlk8u* const*)s.planes, sv, s.rowStep,
-                                  sc, nullDst ? nullptr : (Vlk8u* const*)d.planes, d.rowStep, dc,
-                                  (const double(*)[4])c, ip);
-}
-
-vlkStatus warpCall(const Vlk16u*, const Volume& s, const VolumeSize* sv, const Cuboid* sc,
-                   const Volume& d, const Cuboid* dc, const double* c, int ip, bool nullSrc,
-                   bool nullDst)
-{
-    return vlkrWarpAffine_16u_C1PV(nullSrc ? nullptr : (const Vlk16u* const*)s.planes, sv,
-                                   s.rowStep, sc, nullDst ? nullptr : (Vlk16u* const*)d.planes,
-                                   d.rowStep, dc, (const double(*)[4])c, ip);
-}
-
-vlkStatus warpCall(const Vlk32f*, const Volume& s, const VolumeSize* sv, const Cuboid* sc,
-                   const Volume& d, const Cuboid* dc, const double* c, int ip, bool nullSrc,
-                   bool nullDst)
-{
-    return vlkrWarpAffine_32f_C1PV(nullSrc ? nullptr : (const Vlk32f* const*)s.planes, sv,
-                                   s.rowStep, sc, nullDst ? nullptr : (Vlk32f* const*)d.planes,
-                                   d.rowStep, dc, (const double(*)[4])c, ip);
+    return vlkr::test::Ops<T>::warp(nullSrc ? nullptr : (const T* const*)s.planes, sv, s.rowStep,
+                                    sc, nullDst ? nullptr : (T* const*)d.planes, d.rowStep, dc,
+                                    (const double(*)[4])c, ip);
 }
 
 template <class T>
@@ -498,8 +455,8 @@ void warp(Input& in, const char* op)
     const bool nullSrc = nulls(src.planes) == nullptr, nullDst = nulls(dst.planes) == nullptr;
     allowRegion(m, dst, true, vs, dstRegion);
     m.snapshot();
-    const vlkStatus st = warpCall(static_cast<const T*>(nullptr), src, srcVolume, srcVoi, dst,
-                                  dstVoi, c, interpolation, nullSrc, nullDst);
+    const vlkStatus st =
+        warpCall<T>(src, srcVolume, srcVoi, dst, dstVoi, c, interpolation, nullSrc, nullDst);
     expectStatus(
         op, st,
         {vlkStatusOk, vlkStatusWrongIntersectVOI, vlkStatusNullPtr, vlkStatusSize, vlkStatusCoeff,
@@ -527,31 +484,14 @@ void warp(Input& in, const char* op)
     m.verify(op, st == vlkStatusOk);
 }
 
-vlkStatus remapCall(const Vlk8u*, const Volume& s, const VolumeSize* sv, int srcStep, Cuboid* sc,
+template <class T>
+vlkStatus remapCall(const Volume& s, const VolumeSize* sv, int srcStep, Cuboid* sc,
                     const float* const* maps[3], int mapStep, const Volume& d, int dstStep,
                     const VolumeSize* dv, int ip, bool nullSrc, bool nullDst)
 {
-    return vlkrRemap_8u_C1PV(nullSrc ? nullptr : (const Vlk8u* const*)s.planes, sv, srcStep, sc,
-                             maps[0], maps[1], maps[2], mapStep,
-                             nullDst ? nullptr : (Vlk8u* const*)d.planes, dstStep, dv, ip);
-}
-
-vlkStatus remapCall(const Vlk16u*, const Volume& s, const VolumeSize* sv, int srcStep, Cuboid* sc,
-                    const float* const* maps[3], int mapStep, const Volume& d, int dstStep,
-                    const VolumeSize* dv, int ip, bool nullSrc, bool nullDst)
-{
-    return vlkrRemap_16u_C1PV(nullSrc ? nullptr : (const Vlk16u* const*)s.planes, sv, srcStep, sc,
-                              maps[0], maps[1], maps[2], mapStep,
-                              nullDst ? nullptr : (Vlk16u* const*)d.planes, dstStep, dv, ip);
-}
-
-vlkStatus remapCall(const Vlk32f*, const Volume& s, const VolumeSize* sv, int srcStep, Cuboid* sc,
-                    const float* const* maps[3], int mapStep, const Volume& d, int dstStep,
-                    const VolumeSize* dv, int ip, bool nullSrc, bool nullDst)
-{
-    return vlkrRemap_32f_C1PV(nullSrc ? nullptr : (const Vlk32f* const*)s.planes, sv, srcStep, sc,
-                              maps[0], maps[1], maps[2], mapStep,
-                              nullDst ? nullptr : (Vlk32f* const*)d.planes, dstStep, dv, ip);
+    return vlkr::test::Ops<T>::remap(nullSrc ? nullptr : (const T* const*)s.planes, sv, srcStep, sc,
+                                     maps[0], maps[1], maps[2], mapStep,
+                                     nullDst ? nullptr : (T* const*)d.planes, dstStep, dv, ip);
 }
 
 // A map value: mostly source coordinates near the volume, quarters apart; now and then any.
@@ -620,9 +560,8 @@ void remap(Input& in, const char* op)
     allowRegion(m, dst, true, vs, dstRegion);
     m.allow(&srcVoi->width, 3 * sizeof(int));
     m.snapshot();
-    const vlkStatus st =
-        remapCall(static_cast<const T*>(nullptr), src, srcVolume, srcStep, srcVoi, mapArgs, mapStep,
-                  dst, dstStep, dstVolume, interpolation, nullSrc, nullDst);
+    const vlkStatus st = remapCall<T>(src, srcVolume, srcStep, srcVoi, mapArgs, mapStep, dst,
+                                      dstStep, dstVolume, interpolation, nullSrc, nullDst);
     expectStatus(op, st,
                  {vlkStatusOk, vlkStatusWrongIntersectVOI, vlkStatusWrongIntersectROI,
                   vlkStatusNullPtr, vlkStatusSize, vlkStatusInterpolation, vlkStatusStep});

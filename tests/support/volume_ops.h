@@ -16,23 +16,9 @@
 #include <vector>
 
 #include "vlkr.h"
+#include "volume_entry_points.h"
 
 namespace vlkr::test {
-
-template <class T>
-struct Ops;
-#define VLKR_TEST_OPS(T, S)                                      \
-    template <>                                                  \
-    struct Ops<T> {                                              \
-        static constexpr auto block = &vlkrResize_##S##_C1V;     \
-        static constexpr auto planes = &vlkrResize_##S##_C1PV;   \
-        static constexpr auto warp = &vlkrWarpAffine_##S##_C1PV; \
-        static constexpr auto remap = &vlkrRemap_##S##_C1PV;     \
-    };
-VLKR_TEST_OPS(Vlk8u, 8u)
-VLKR_TEST_OPS(Vlk16u, 16u)
-VLKR_TEST_OPS(Vlk32f, 32f)
-#undef VLKR_TEST_OPS
 
 using VoxelTypes = ::testing::Types<Vlk8u, Vlk16u, Vlk32f>;
 constexpr int kSelectors[] = {1, 2, 4, 5, 6, 7};
