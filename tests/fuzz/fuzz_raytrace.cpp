@@ -189,6 +189,25 @@ void getLibVersion()
     require(std::memcmp(v->targetCpu, "mx\0\0", 4) == 0, "vlkrGetLibVersion", "wrong variant");
 }
 
+// The per-ray operations either succeed or refuse a null pointer, which decides the status;
+// a refusal writes nothing, a success only what the operation may write.
+void expectOkOrNull(const char* op, vlkStatus s, const Nulls& nulls, Memory& m)
+{
+    expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr});
+    expectNullDecides(op, nulls, s);
+    m.verify(op, s == vlkStatusOk);
+}
+
+// Rays with a negative mask get (0, 0, 0), bit for bit.
+void expectPassedOverZero(const char* op, const int* mask, float* const* planes, std::size_t n)
+{
+    for (std::size_t i = 0; i < n; ++i)
+        if (get<int>(mask, i) < 0)
+            for (int c = 0; c < 3; ++c)
+                require(get<std::uint32_t>(planes[c], i) == 0, op,
+                        "a passed-over ray is not (0, 0, 0)");
+}
+
 void setBoundBox(Input& in)
 {
     const char* op = "vlkrSetBoundBox_32f";
@@ -202,9 +221,7 @@ void setBoundBox(Input& in)
     m.allow(box, 6 * sizeof(float));
     m.snapshot();
     const vlkStatus s = vlkrSetBoundBox_32f(vertices, count, box);
-    expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr});
-    expectNullDecides(op, nulls, s);
-    m.verify(op, s == vlkStatusOk);
+    expectOkOrNull(op, s, nulls, m);
 }
 
 void triangleAccelGetSize(Input& in)
@@ -217,9 +234,7 @@ void triangleAccelGetSize(Input& in)
     m.allow(size, sizeof(int));
     m.snapshot();
     const vlkStatus s = vlkrTriangleAccelGetSize(size);
-    expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr});
-    expectNullDecides(op, nulls, s);
-    m.verify(op, s == vlkStatusOk);
+    expectOkOrNull(op, s, nulls, m);
     if (s == vlkStatusOk) require(*size == int(sizeof(TriangleAccel)), op, "size is not 40");
 }
 
@@ -238,9 +253,7 @@ void triangleAccelInit(Input& in)
     if (accel && count > 0) m.allow(accel, std::size_t(count) * sizeof(TriangleAccel));
     m.snapshot();
     const vlkStatus s = vlkrTriangleAccelInit(accel, mesh.vertices, mesh.triangles, count);
-    expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr});
-    expectNullDecides(op, nulls, s);
-    m.verify(op, s == vlkStatusOk);
+    expectOkOrNull(op, s, nulls, m);
 }
 
 void kdTreeBuildAlloc(Input& in)
@@ -353,9 +366,7 @@ void intersectNearest(Input& in, bool multipleOrigins)
         multipleOrigins
             ? vlkrIntersectMO_32f(origins, dirArg, distArg, hitArg, triangle, scene.ctx, block)
             : vlkrIntersectEyeSO_32f(origin, dirArg, distArg, hitArg, triangle, scene.ctx, block);
-    expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr});
-    expectNullDecides(op, nulls, s);
-    m.verify(op, s == vlkStatusOk);
+    expectOkOrNull(op, s, nulls, m);
     if (s == vlkStatusOk)
         checkNearest(op, scene, n, dist, distBefore, hit, hit0Before, hit1Before, triangle);
 }
@@ -389,9 +400,7 @@ void intersectMultiple(Input& in)
     m.snapshot();
     const vlkStatus s =
         vlkrIntersectMultipleSO_32f(origin, dir, dist, hitArg, triangle, volume, scene.ctx);
-    expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr});
-    expectNullDecides(op, nulls, s);
-    m.verify(op, s == vlkStatusOk);
+    expectOkOrNull(op, s, nulls, m);
     // A ray ends at its first layer without a hit: every later layer keeps -1.
     for (std::size_t r = 0; s == vlkStatusOk && r < layer; ++r) {
         bool ended = false;
@@ -427,9 +436,7 @@ void intersectAny(Input& in)
     m.snapshot();
     const vlkStatus s =
         vlkrIntersectAnySO_32f(origin, dirArg, triangleArg, maskArg, block, scene.ctx);
-    expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr});
-    expectNullDecides(op, nulls, s);
-    m.verify(op, s == vlkStatusOk);
+    expectOkOrNull(op, s, nulls, m);
     for (std::size_t i = 0; s == vlkStatusOk && i < n; ++i) {
         const int t = get<int>(triangle, i), before = get<int>(maskBefore.data(), i);
         const int after = get<int>(mask, i);
@@ -461,9 +468,7 @@ void castEye(Input& in)
     m.snapshot();
     const vlkStatus s = vlkrCastEye_32f(corner, columnStep, rowStep, blockColumn, blockRow,
                                         blockSize, dirArg, packetSize);
-    expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr});
-    expectNullDecides(op, nulls, s);
-    m.verify(op, s == vlkStatusOk);
+    expectOkOrNull(op, s, nulls, m);
     if (s != vlkStatusOk) return;
     // Whole-pixel coordinates offset by the block's, in the documented order of operations;
     // the offsets are 32-bit products that wrap.
@@ -501,14 +506,8 @@ void castReflectionRay(Input& in)
     m.snapshot();
     const vlkStatus s =
         vlkrCastReflectionRay_32f(incidentArg, maskArg, normalArg, reflectedArg, len);
-    expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr});
-    expectNullDecides(op, nulls, s);
-    m.verify(op, s == vlkStatusOk);
-    for (std::size_t i = 0; s == vlkStatusOk && i < n; ++i)
-        if (get<int>(mask, i) < 0)
-            for (int c = 0; c < 3; ++c)
-                require(get<std::uint32_t>(reflected[c], i) == 0, op,
-                        "a passed-over ray is not (0, 0, 0)");
+    expectOkOrNull(op, s, nulls, m);
+    if (s == vlkStatusOk) expectPassedOverZero(op, mask, reflected, n);
 }
 
 void castShadow(Input& in)
@@ -538,9 +537,7 @@ void castShadow(Input& in)
     m.snapshot();
     const vlkStatus s =
         vlkrCastShadowSO_32f(light, factor, normalArg, hitArg, maskArg, cosineArg, shadowArg, len);
-    expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr});
-    expectNullDecides(op, nulls, s);
-    m.verify(op, s == vlkStatusOk);
+    expectOkOrNull(op, s, nulls, m);
     for (std::size_t i = 0; s == vlkStatusOk && i < n; ++i) {
         const int after = get<int>(mask, i);
         require(after == get<int>(maskBefore.data(), i) || after == -1, op,
@@ -572,14 +569,8 @@ void hitPoints(Input& in, bool multipleOrigins)
     const vlkStatus s = multipleOrigins
                             ? vlkrHitPoint3DEpsM0_32f_M(origins, dir, dist, mask, hitArg, len, eps)
                             : vlkrHitPoint3DEpsS0_32f_M(origin, dir, dist, mask, hitArg, len, eps);
-    expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr});
-    expectNullDecides(op, nulls, s);
-    m.verify(op, s == vlkStatusOk);
-    for (std::size_t i = 0; s == vlkStatusOk && i < n; ++i)
-        if (get<int>(mask, i) < 0)
-            for (int c = 0; c < 3; ++c)
-                require(get<std::uint32_t>(hit[c], i) == 0, op,
-                        "a passed-over ray is not (0, 0, 0)");
+    expectOkOrNull(op, s, nulls, m);
+    if (s == vlkStatusOk) expectPassedOverZero(op, mask, hit, n);
 }
 
 void triangleNormal(Input& in)
@@ -597,9 +588,7 @@ void triangleNormal(Input& in)
     m.allow(normals, 12 * std::size_t(std::max(count, 0)));
     m.snapshot();
     const vlkStatus s = vlkrTriangleNormal_32f(mesh.vertices, mesh.triangles, normalsArg, count);
-    expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr});
-    expectNullDecides(op, nulls, s);
-    m.verify(op, s == vlkStatusOk);
+    expectOkOrNull(op, s, nulls, m);
 }
 
 // A per-ray triangle number: -1, another negative, or one of `count` triangles.
@@ -627,9 +616,7 @@ void surfFlatNormal(Input& in)
     allowTriple(m, normal, n);
     m.snapshot();
     const vlkStatus s = vlkrSurfFlatNormal_32f(triangleNormals, triangle, normal, len);
-    expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr});
-    expectNullDecides(op, nulls, s);
-    m.verify(op, s == vlkStatusOk);
+    expectOkOrNull(op, s, nulls, m);
 }
 
 void surfSmoothNormal(Input& in)
@@ -661,9 +648,7 @@ void surfSmoothNormal(Input& in)
     m.snapshot();
     const vlkStatus s = vlkrSurfSmoothNormal_32f(vertexNormals, normalIndices, triangle, hitArg,
                                                  normalArg, len, stride);
-    expectStatus(op, s, {vlkStatusOk, vlkStatusNullPtr});
-    expectNullDecides(op, nulls, s);
-    m.verify(op, s == vlkStatusOk);
+    expectOkOrNull(op, s, nulls, m);
 }
 
 // The seven masked shading operations share one frame: len rays, a mask, arrays by operation.
