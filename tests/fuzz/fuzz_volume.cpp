@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <iterator>
 #include <type_traits>
 
 #include "fuzz_support.h"
@@ -227,27 +228,6 @@ vlkStatus expectedResize(const VolumeSize& v, const Cuboid& src, const Cuboid& d
     *out = {lo[0], lo[1], lo[2], hi[0], hi[1], hi[2]};
     return vlkStatusOk;
 }
-
-enum Op {
-    kGetResizeCuboid,
-    kResizeGetBufSize,
-    kResize8uV,
-    kResize16uV,
-    kResize32fV,
-    kResize8uPV,
-    kResize16uPV,
-    kResize32fPV,
-    kWarpGetBufSize,
-    kWarp8u,
-    kWarp16u,
-    kWarp32f,
-    kRemap8u,
-    kRemap16u,
-    kRemap32f,
-    kFilterGetBufSize,
-    kFilter,
-    kOpCount
-};
 
 void getResizeCuboid(Input& in)
 {
@@ -680,63 +660,34 @@ void filter(Input& in)
     m.verify(op, st == vlkStatusOk);
 }
 
+// The operations, picked by the input's first byte modulo their count. The committed corpus
+// depends on this order: add new entries at the end.
+using OpFn = void (*)(Input&);
+constexpr OpFn kOps[] = {
+    getResizeCuboid,
+    [](Input& in) { bufferSize(in, false); },
+    [](Input& in) { resize<Vlk8u>(in, false, "vlkrResize_8u_C1V"); },
+    [](Input& in) { resize<Vlk16u>(in, false, "vlkrResize_16u_C1V"); },
+    [](Input& in) { resize<Vlk32f>(in, false, "vlkrResize_32f_C1V"); },
+    [](Input& in) { resize<Vlk8u>(in, true, "vlkrResize_8u_C1PV"); },
+    [](Input& in) { resize<Vlk16u>(in, true, "vlkrResize_16u_C1PV"); },
+    [](Input& in) { resize<Vlk32f>(in, true, "vlkrResize_32f_C1PV"); },
+    [](Input& in) { bufferSize(in, true); },
+    [](Input& in) { warp<Vlk8u>(in, "vlkrWarpAffine_8u_C1PV"); },
+    [](Input& in) { warp<Vlk16u>(in, "vlkrWarpAffine_16u_C1PV"); },
+    [](Input& in) { warp<Vlk32f>(in, "vlkrWarpAffine_32f_C1PV"); },
+    [](Input& in) { remap<Vlk8u>(in, "vlkrRemap_8u_C1PV"); },
+    [](Input& in) { remap<Vlk16u>(in, "vlkrRemap_16u_C1PV"); },
+    [](Input& in) { remap<Vlk32f>(in, "vlkrRemap_32f_C1PV"); },
+    filterBufferSize,
+    filter,
+};
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     Input in(data, size);
-    switch (Op(in.byte() % kOpCount)) {
-        case kGetResizeCuboid:
-            getResizeCuboid(in);
-            break;
-        case kResizeGetBufSize:
-            bufferSize(in, false);
-            break;
-        case kResize8uV:
-            resize<Vlk8u>(in, false, "vlkrResize_8u_C1V");
-            break;
-        case kResize16uV:
-            resize<Vlk16u>(in, false, "vlkrResize_16u_C1V");
-            break;
-        case kResize32fV:
-            resize<Vlk32f>(in, false, "vlkrResize_32f_C1V");
-            break;
-        case kResize8uPV:
-            resize<Vlk8u>(in, true, "vlkrResize_8u_C1PV");
-            break;
-        case kResize16uPV:
-            resize<Vlk16u>(in, true, "vlkrResize_16u_C1PV");
-            break;
-        case kResize32fPV:
-            resize<Vlk32f>(in, true, "vlkrResize_32f_C1PV");
-            break;
-        case kWarpGetBufSize:
-            bufferSize(in, true);
-            break;
-        case kWarp8u:
-            warp<Vlk8u>(in, "vlkrWarpAffine_8u_C1PV");
-            break;
-        case kWarp16u:
-            warp<Vlk16u>(in, "vlkrWarpAffine_16u_C1PV");
-            break;
-        case kWarp32f:
-            warp<Vlk32f>(in, "vlkrWarpAffine_32f_C1PV");
-            break;
-        case kRemap8u:
-            remap<Vlk8u>(in, "vlkrRemap_8u_C1PV");
-            break;
-        case kRemap16u:
-            remap<Vlk16u>(in, "vlkrRemap_16u_C1PV");
-            break;
-        case kRemap32f:
-            remap<Vlk32f>(in, "vlkrRemap_32f_C1PV");
-            break;
-        case kFilterGetBufSize:
-            filterBufferSize(in);
-            break;
-        default:
-            filter(in);
-            break;
-    }
+    kOps[in.byte() % std::size(kOps)](in);
     return 0;
 }
